@@ -1,0 +1,11 @@
+// Trace file set-up: the cross-process lock and the rotation into zip archives.
+#pragma once
+
+#include <semaphore.h>
+#include <stddef.h>
+
+#include "log.h"
+
+int FQOpenTraceFile(const char* logfilename, int level, size_t maxsize);
+int FQLogLock(sem_t* s, log_lock_actions_t action);
+int FQLogCheckLogSwitch(char* filename, size_t maxsize);
