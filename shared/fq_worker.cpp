@@ -1,14 +1,896 @@
 #include "fq_worker.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <getopt.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "fqerror.h"
+#include "fqhlp_buffer_file.h"
+#include "fqhlp_parse_url.h"
+#include "fqhlp_replies.h"
+#include "log-helper.h"
 #include "log.h"
 
 volatile sig_atomic_t killed = 0;
 
+// ---------------------------------------------------------------------------
+// Command line
+
+namespace {
+
+enum : int {
+    OPT_JS_INGRESS = 1000,
+    OPT_JS_WORKER_THREADS = 1001,
+    OPT_SCAN_SLOTS = 1002,
+    OPT_JS_SERVICES = 1003,
+};
+
+const char* const s_short_options = "a:b:c:de:g:h:ij:k:l:m:n:op:qrst:v:w:xy:z:A:B:C:D:E:F:GH:I:J:K";
+
+const struct option s_long_options[] = {
+    {"basedir", required_argument, nullptr, 'a'},
+    {"tempdir", required_argument, nullptr, 'b'},
+    {"work-directory", required_argument, nullptr, 'c'},
+    {"primary", no_argument, nullptr, 'd'},
+    {"broker", required_argument, nullptr, 'e'},
+    {"worker-threads", required_argument, nullptr, 'g'},
+    {"control-connection-timeout", required_argument, nullptr, 'h'},
+    {"autoscale", no_argument, nullptr, 'i'},
+    {"autoscale-monitoring-period", required_argument, nullptr, 'j'},
+    {"autoscale-high-water-mark", required_argument, nullptr, 'k'},
+    {"autoscale-low-water-mark", required_argument, nullptr, 'l'},
+    {"tracelevel", required_argument, nullptr, 'm'},
+    {"tracefile", required_argument, nullptr, 'n'},
+    {"tracefile-maxsize", required_argument, nullptr, 'E'},
+    {"trace-to-screen", no_argument, nullptr, 'o'},
+    {"update-server", required_argument, nullptr, 'p'},
+    {"update-engine", no_argument, nullptr, 'q'},
+    {"update-data", no_argument, nullptr, 'r'},
+    {"update-binary", no_argument, nullptr, 's'},
+    {"http-proxy", required_argument, nullptr, 't'},
+    {"update-check-interval", required_argument, nullptr, 'v'},
+    {"update-max-backups", required_argument, nullptr, 'w'},
+    {"console-mode", no_argument, nullptr, 'x'},
+    {"broker-user", required_argument, nullptr, 'y'},
+    {"broker-password", required_argument, nullptr, 'z'},
+    {"broker-cert", required_argument, nullptr, 'A'},
+    {"signal_when_ready", required_argument, nullptr, 'B'},
+    {"shutdown_when_ready", required_argument, nullptr, 'C'},
+    {"secret", required_argument, nullptr, 'D'},
+    {"config-file", required_argument, nullptr, 'F'},
+    {"debug", no_argument, nullptr, 'G'},
+    {"register-interval", required_argument, nullptr, 'H'},
+    {"quarantine_base_path", required_argument, nullptr, 'I'},
+    {"quarantine_service_key", required_argument, nullptr, 'J'},
+    {"no_certificate_check", no_argument, nullptr, 'K'},
+    {"js-ingress", no_argument, nullptr, OPT_JS_INGRESS},
+    {"js-worker-threads", required_argument, nullptr, OPT_JS_WORKER_THREADS},
+    {"scan-slots", required_argument, nullptr, OPT_SCAN_SLOTS},
+    {"js-services", required_argument, nullptr, OPT_JS_SERVICES},
+    {nullptr, 0, nullptr, 0},
+};
+
+// strtol with base 10; a value that does not fit an int is a range error too,
+// since every number option is kept as an int.
+bool s_to_long(const char* text, long* out)
+{
+    errno = 0;
+    long value = strtol(text, nullptr, 10);
+    if (errno == 0 && (value > INT_MAX || value < INT_MIN))
+        errno = ERANGE;
+    if (errno != 0) {
+        log_error("Failed to convert %s to int: %s", "optarg", FQstrerror(errno));
+        return false;
+    }
+    *out = value;
+    return true;
+}
+
+// Replaces *field with a copy of text; false (after the message) if the copy fails.
+bool s_store(char** field, const char* text, const char* what)
+{
+    char* copy = strdup(text);
+    if (!copy) {
+        log_error("Failed to store %s", what);
+        return false;
+    }
+    free(*field);
+    *field = copy;
+    return true;
+}
+
+bool s_store_stderr(char** field, const char* text, const char* what)
+{
+    char* copy = strdup(text);
+    if (!copy) {
+        fprintf(stderr, "Failed to store %s\n", what);
+        return false;
+    }
+    free(*field);
+    *field = copy;
+    return true;
+}
+
+bool s_is_nats_url(const char* endpoint)
+{
+    for (const char* prefix : {"nats://", "tls://", "ws://", "wss://"}) {
+        if (strncmp(endpoint, prefix, strlen(prefix)) == 0)
+            return true;
+    }
+    return false;
+}
+
+bool s_store_broker(fq_connection_config* cc, const char* endpoint)
+{
+    if (s_is_nats_url(endpoint))
+        return s_store(&cc->server_url, endpoint, "broker endpoint");
+    URL_INFO info{};
+    if (!fqhlp_split_url(&info, endpoint) || !s_store(&cc->broker_host, info.site, "broker endpoint") ||
+        !s_store(&cc->broker_port, info.port, "broker endpoint")) {
+        log_error("Failed to store broker endpoint");
+        return false;
+    }
+    return true;
+}
+
+template <typename T>
+void s_store_in_range(T* field, long value, long lo, long hi)
+{
+    if (value >= lo && value <= hi)
+        *field = static_cast<T>(value);
+}
+
+}  // namespace
+
+void fq_worker_config_set_defaults(fq_worker_config_t* config)
+{
+    config->worker_threads = 50;
+    config->load_hwm = 75;
+    config->load_lwm = 10;
+    config->load_sampling_period = 60;
+    config->control_timeout = 10;
+    config->register_interval = 5;
+    config->IsPrimary = false;
+    config->console_mode = false;
+}
+
+int fqworker_parse_commandline(fq_worker_config_t* config, int argc, char** argv)
+{
+    if (!config || !config->connection_config || !config->update_config || !config->network_config)
+        return -1;
+    fq_connection_config* cc = config->connection_config;
+    fq_update_config_t* uc = config->update_config;
+
+    optind = 0;  // full re-initialisation, so the parser can run more than once in a process
+    int c;
+    long n = 0;
+    while ((c = getopt_long(argc, argv, s_short_options, s_long_options, nullptr)) != -1) {
+        switch (c) {
+        case 'a':
+            if (!s_store(&config->basedir, optarg, "basedir"))
+                return -1;
+            break;
+        case 'b':
+            if (!s_store(&config->tempdir, optarg, "tempdir"))
+                return -1;
+            break;
+        case 'c':
+            if (!s_store(&config->progdir, optarg, "work-directory"))
+                return -1;
+            break;
+        case 'd':
+            config->IsPrimary = true;
+            break;
+        case 'e':
+            if (!s_store_broker(cc, optarg))
+                return -1;
+            break;
+        case 'g':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            config->worker_threads = static_cast<int>(n);
+            break;
+        case 'h':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            s_store_in_range(&config->control_timeout, n, 1, 59);
+            break;
+        case 'i':
+            config->autoscale = true;
+            break;
+        case 'j':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            s_store_in_range(&config->load_sampling_period, n, 2, 119);
+            break;
+        case 'k':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            s_store_in_range(&config->load_hwm, n, 2, 99);
+            break;
+        case 'l':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            s_store_in_range(&config->load_lwm, n, 6, 99);
+            break;
+        case 'm':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            s_store_in_range(&config->tracelevel, n, 0, 6);
+            break;
+        case 'n':
+            if (!s_store(&config->tracefile, optarg, "tracefile"))
+                return -1;
+            break;
+        case 'E':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            s_store_in_range(&config->tracefile_maxsize, n, 0, INT_MAX);
+            break;
+        case 'o':
+            config->trace_to_screen = true;
+            log_set_screentrace(1);
+            break;
+        case 'p':
+            if (!s_store_stderr(&uc->update_server, optarg, "update-server"))
+                return -1;
+            break;
+        case 'q':
+            uc->update_engine = true;
+            break;
+        case 'r':
+            uc->update_data = true;
+            break;
+        case 's':
+            uc->update_binary = true;
+            break;
+        case 't':
+            if (!s_store_stderr(&config->network_config->http_proxy, optarg, "http-proxy"))
+                return -1;
+            break;
+        case 'v':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            uc->update_check_interval = static_cast<time_t>(n);
+            break;
+        case 'w':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            uc->update_max_backups = static_cast<int>(n);
+            break;
+        case 'x':
+            config->console_mode = true;
+            break;
+        case 'y':
+            if (!s_store(&cc->broker_user, optarg, "broker_user"))
+                return -1;
+            break;
+        case 'z':
+            if (!s_store(&cc->broker_password, optarg, "broker_password"))
+                return -1;
+            break;
+        case 'A':
+            if (!s_store(&cc->cert_path, optarg, "cert_path"))
+                return -1;
+            break;
+        case 'B':
+            if (!s_store(&config->signal_when_ready, optarg, "signal_when_ready"))
+                return -1;
+            log_info("Signaling READY to \"%s\"", config->signal_when_ready);
+            break;
+        case 'C':
+            if (!s_store(&config->shutdown_when_ready, optarg, "shutdown_when_ready"))
+                return -1;
+            break;
+        case 'D':
+            if (!s_store(&config->secret, optarg, "shutdown_secret"))
+                return -1;
+            break;
+        case 'F':
+        case 'I':
+        case 'J':
+            break;  // accepted for compatibility; the worker has no use for them
+        case 'G':
+            printf("PID: %d\n", getpid());
+            printf("Press ENTER to continue...");
+            fflush(stdout);
+            (void)getchar();
+            break;
+        case 'H':
+            if (!s_to_long(optarg, &n))
+                return -1;
+            config->register_interval = static_cast<int>(n);
+            break;
+        case 'K':
+            uc->no_certificate_check = true;
+            break;
+        case OPT_JS_INGRESS:
+            config->js_ingress_enabled = true;
+            break;
+        case OPT_JS_WORKER_THREADS:
+            if (!s_to_long(optarg, &n))
+                return -1;
+            config->js_worker_threads = static_cast<int>(n);
+            break;
+        case OPT_SCAN_SLOTS:
+            if (!s_to_long(optarg, &n))
+                return -1;
+            config->scan_slots = static_cast<int>(n);
+            break;
+        case OPT_JS_SERVICES:
+            if (!s_store(&cc->js_services, optarg, "js_services"))
+                return -1;
+            break;
+        default:
+            if (optopt > 0 && optopt < 256 && optopt != '?')
+                log_warn("Ignoring unrecognized command-line option '-%c'", optopt);
+            else
+                log_warn("Ignoring unrecognized command-line option (see stderr for its name)");
+            break;
+        }
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Request texts
+
+json_object* fq_worker_parse_request_json(const char* text)
+{
+    json_tokener* tok = json_tokener_new();
+    if (!tok) {
+        log_error("Failed to create JSON tokener");
+        return nullptr;
+    }
+    json_object* obj = json_tokener_parse_ex(tok, text, static_cast<int>(strlen(text)));
+    const json_tokener_error jerr = json_tokener_get_error(tok);
+    json_tokener_free(tok);
+    // A text that parses to something other than an object is no request either.
+    if (!obj || jerr != json_tokener_success || !json_object_is_type(obj, json_type_object)) {
+        log_error("Failed to parse JSON. Errorcode: %s. JSON: \n",
+                  jerr != json_tokener_success ? json_tokener_error_desc(jerr) : "not a JSON object");
+        if (obj)
+            json_object_put(obj);
+        return nullptr;
+    }
+    return obj;
+}
+
+int fq_worker_read_command(json_object* request)
+{
+    json_object* value = nullptr;
+    if (!json_object_object_get_ex(request, "Command", &value)) {
+        log_warn("Object %s not found", "Command");
+        return -1;
+    }
+    return json_object_get_int(value);
+}
+
+const char* fq_worker_read_mandatory_string(json_object* obj, const char* key)
+{
+    json_object* value = nullptr;
+    if (!json_object_object_get_ex(obj, key, &value)) {
+        log_error("Failed to read %s from JSON", key);
+        return nullptr;
+    }
+    const char* text = json_object_get_string(value);
+    if (!text || !*text) {
+        log_error("Key %s found, but value is empty", key);
+        return nullptr;
+    }
+    return text;
+}
+
+// ---------------------------------------------------------------------------
+// Client request dispatch
+
+namespace {
+
+long s_elapsed_ms(const struct timespec& since)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec - since.tv_sec) * 1000L + (now.tv_nsec - since.tv_nsec) / 1000000L;
+}
+
+// Checks a scan request and hands it on; the result is the handler's rc.
+int s_dispatch_scan(fq_const_request_reply_t* rr, json_object* request_json, fq_worker_thread_t* thread, bool clean)
+{
+    log_info("SCAN request received");
+    int object_len = 0;
+    json_object* value = nullptr;
+    if (json_object_object_get_ex(request_json, "ObjectLen", &value))
+        object_len = json_object_get_int(value);
+    else
+        log_warn("Object %s not found", "ObjectLen");
+
+    const fq_const_message_t* request = rr->request;
+    const bool has_data = request->data != nullptr && request->data_len != 0;
+    if (has_data && (object_len < 0 || static_cast<size_t>(object_len) != request->data_len)) {
+        log_fatal("Data length inconsistency");
+        log_fatal("ObjectLen (from request_json) is %d, scandatalen (from MQ) is %zu", object_len, request->data_len);
+        if (rr->reply)
+            fq_reply_set_ERROR(&rr->reply->json_txt, SERVICE_ERROR,
+                               "Scan request rejected: declared object length does not match the received data");
+        return SERVICE_ERROR;
+    }
+    if (!has_data && object_len != 0) {
+        log_fatal("Scan request declares %d bytes but no scan data arrived", object_len);
+        if (rr->reply)
+            fq_reply_set_ERROR(&rr->reply->json_txt, SERVICE_ERROR, "Scan request rejected: object data missing");
+        return SERVICE_ERROR;
+    }
+
+    const char* event_id = fq_worker_read_mandatory_string(request_json, "EventID");
+    if (!event_id)
+        return -1;
+    log_debug("Handling scan request for EventID %s", event_id);
+
+    fq_worker_config_t* config =
+        thread && thread->global_parameters ? thread->global_parameters->config : nullptr;
+    if (thread)
+        thread->currentstatus = BUSY;
+    int rc = fq_worker_handle_scan_request(config, rr, request_json, thread, clean);
+    if (thread)
+        thread->currentstatus = READY;
+    if (rc != 0) {
+        const char* reply_text = rr->reply && rr->reply->json_txt ? rr->reply->json_txt : "no reply JSON text";
+        log_error("Failed to handle scan request. rc=%d, %s", rc, reply_text);
+    } else {
+        log_info("Request handled successfully");
+    }
+    return rc;
+}
+
+}  // namespace
+
+int fq_worker_client_request_handler(void* params, fq_const_request_reply_t* rr)
+{
+    auto* thread = static_cast<fq_worker_thread_t*>(params);
+    int rc = 0;
+    int command = -1;
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    fq_json_ptr request;
+
+    if (!rr || !rr->request || !rr->request->json_txt) {
+        log_error("Invalid request");
+        rc = -1;
+    } else {
+        request.reset(fq_worker_parse_request_json(rr->request->json_txt));
+        if (!request)
+            rc = -1;
+    }
+
+    if (rc == 0) {
+        command = fq_worker_read_command(request.get());
+        switch (command) {
+        case PING_SERVICE:
+            if (rr->reply)
+                fq_reply_set_OK(&rr->reply->json_txt);
+            log_trace("PING ... PONG");
+            break;
+        case SERVICE_GET_INFO:
+            log_info("SERVICE_INITIALIZE request received");
+            if (rr->reply) {
+                rr->reply->json_txt = fq_worker_handle_service_init_request(request.get(), thread);
+                if (!rr->reply->json_txt)
+                    log_error("Failed to get service info");
+            }
+            break;
+        case SCAN_ONLY:
+        case SCAN_CLEAN:
+            rc = s_dispatch_scan(rr, request.get(), thread, command == SCAN_CLEAN);
+            break;
+        default:
+            break;
+        }
+    }
+
+    if (command != PING_SERVICE)
+        log_info("Request handled in %ld ms", s_elapsed_ms(start));
+    if (rr && rr->reply && !rr->reply->json_txt) {
+        log_warn("Creating generic error reply");
+        fq_reply_set_return_code(&rr->reply->json_txt, rc);
+    }
+    log_trace("Exiting, rc=%d", rc);
+    return rc;
+}
+
+char* fq_worker_build_registration_json(const char* control_service_name, const char* servicename, int IsPrimary,
+                                        const char* secret, const fq_service_description_t* service)
+{
+    fq_json_ptr root(json_object_new_object());
+    if (!root)
+        return nullptr;
+    json_object* r = root.get();
+    json_object_object_add(r, "Command", json_object_new_int(SERVICE_WORKER_REGISTER));
+    json_object_object_add(r, "worker-name", json_object_new_string(control_service_name ? control_service_name : ""));
+    json_object_object_add(r, "service-name", json_object_new_string(servicename ? servicename : ""));
+    json_object_object_add(r, "Primary", json_object_new_int(IsPrimary ? 1 : 0));
+    json_object_object_add(r, "Secret", json_object_new_string(secret ? secret : ""));
+    if (service) {
+        json_object_object_add(r, "DriverName",
+                               json_object_new_string(service->service_name ? service->service_name : ""));
+        json_object_object_add(r, "MajorVersion", json_object_new_int(service->service_major_version));
+        json_object_object_add(r, "MinorVersion", json_object_new_int(service->service_minor_version));
+        json_object_object_add(r, "NumberOfViruses", json_object_new_int64(service->service_known_viruses));
+        json_object_object_add(r, "NumberOfVariants", json_object_new_int64(service->service_known_variants));
+        json_object_object_add(r, "Timestamp", json_object_new_int64(static_cast<int64_t>(service->update_time)));
+    }
+    const char* text = json_object_to_json_string_ext(r, JSON_C_TO_STRING_SPACED);
+    if (!text) {
+        log_error("fq_worker_build_registration_json: failed to serialize JSON");
+        return nullptr;
+    }
+    return strdup(text);
+}
+
+// ---------------------------------------------------------------------------
+// Threads, load and signals
+
+namespace {
+
+// The signal that set the stop flag, for the main loop to report: the handler
+// itself only touches sig_atomic_t words, so it cannot stop on a lock.
+volatile sig_atomic_t s_last_signal = 0;
+
+void s_close_all_fds()
+{
+    for (int fd = 3; fd < 1024; ++fd) {
+        if (fcntl(fd, F_GETFD) != -1)
+            close(fd);
+    }
+}
+
+const char* s_worker_type(const fq_worker_config_t* config)
+{
+    if (config->signal_when_ready)
+        return " (Temporary)";
+    if (config->IsPrimary)
+        return " (Primary)";
+    return "";
+}
+
+}  // namespace
+
+void sigterm_handler_fn(int signum)
+{
+    killed = 1;
+    s_last_signal = signum;
+    // A SIGFPE from a real arithmetic fault would return to the faulting
+    // instruction and fault again for ever: with the default action back in
+    // place such a fault ends the process, while a SIGFPE sent by kill still
+    // stops it in order.
+    if (signum == SIGFPE)
+        signal(SIGFPE, SIG_DFL);
+}
+
+void fq_worker_set_all_threads_target_status(zlist_t* worker_threads_list, fq_thread_status targetstatus)
+{
+    if (!worker_threads_list)
+        return;
+    for (auto* t = static_cast<fq_worker_thread_t*>(zlist_first(worker_threads_list)); t;
+         t = static_cast<fq_worker_thread_t*>(zlist_next(worker_threads_list)))
+        t->targetstatus = targetstatus;
+}
+
+void fq_worker_terminate_all_threads(zlist_t* worker_threads_list)
+{
+    if (!worker_threads_list)
+        return;
+    fq_worker_set_all_threads_target_status(worker_threads_list, TERMINATED);
+    // The records stay: detached threads may still read them until they see the stop flag.
+    zlist_destroy(&worker_threads_list);
+}
+
+void fqctrl_initialize_load_sample_array(int* array, int samples)
+{
+    for (int i = 0; i < samples; ++i)
+        array[i] = -1;
+}
+
+int fqworker_get_load(zlist_t* threadlist, int samples, int* loadarray)
+{
+    if (!threadlist || !loadarray || samples <= 0)
+        return -1;
+    int total = 0;
+    int busy = 0;
+    for (auto* t = static_cast<fq_worker_thread_t*>(zlist_first(threadlist)); t;
+         t = static_cast<fq_worker_thread_t*>(zlist_next(threadlist))) {
+        ++total;
+        if (t->currentstatus == BUSY)
+            ++busy;
+    }
+    // Without threads there is no load to speak of: no figure, so no event.
+    if (total == 0)
+        return -1;
+    bool full = true;
+    long sum = 0;
+    for (int i = 0; i < samples - 1; ++i) {
+        loadarray[i] = loadarray[i + 1];
+        sum += loadarray[i];
+        if (loadarray[i] == -1)
+            full = false;
+    }
+    loadarray[samples - 1] = busy * 100 / total;
+    sum += loadarray[samples - 1];
+    return full ? static_cast<int>(sum / samples) : -1;
+}
+
+// ---------------------------------------------------------------------------
+// The process
+
+namespace {
+
+// Everything main() owns; none of it is freed before the process ends.
+struct s_process_t {
+    int rc = -1;
+    fq_worker_config_t* config = nullptr;
+    fq_thread_global_params_t* thread_global_params = nullptr;
+    fq_worker_update_thread_params_t* update = nullptr;
+    zlist_t* worker_threads_list = nullptr;
+    int worker_threads = 0;
+    int* load_samples = nullptr;
+    char control_service_name[1024] = "";
+    const char* exitlog = nullptr;
+};
+
+// Allocates the records and sets their defaults; -1 after the message on failure.
+int s_allocate_records(s_process_t& p, char** argv)
+{
+    p.thread_global_params = static_cast<fq_thread_global_params_t*>(calloc(1, sizeof(fq_thread_global_params_t)));
+    if (!p.thread_global_params) {
+        log_fatal("Failed to allocate thread arguments struct: %s", FQstrerror(errno));
+        return -1;
+    }
+    p.config = static_cast<fq_worker_config_t*>(calloc(1, sizeof(fq_worker_config_t)));
+    if (!p.config) {
+        log_fatal("Failed to allocate fq_worker_config_t: %s", FQstrerror(errno));
+        return -1;
+    }
+    fq_worker_config_set_defaults(p.config);
+    p.config->argv = argv;
+    p.config->connection_config = fq_connection_config_new();
+    if (!p.config->connection_config) {
+        fprintf(stderr, "Failed to allocate AMQP config struct: %s\r\n", FQstrerror(errno));
+        return -1;
+    }
+    p.config->update_config = static_cast<fq_update_config_t*>(calloc(1, sizeof(fq_update_config_t)));
+    if (!p.config->update_config) {
+        log_fatal("Failed to allocate fq_update_config_t: %s", FQstrerror(errno));
+        return -1;
+    }
+    p.config->network_config = static_cast<fq_network_config_t*>(calloc(1, sizeof(fq_network_config_t)));
+    if (!p.config->network_config) {
+        log_fatal("Failed to allocate fq_worker_network_config_t: %s", FQstrerror(errno));
+        return -1;
+    }
+    p.update = static_cast<fq_worker_update_thread_params_t*>(calloc(1, sizeof(fq_worker_update_thread_params_t)));
+    if (!p.update) {
+        log_fatal("Failed to allocate update thread arguments struct: %s", FQstrerror(errno));
+        return -1;
+    }
+    p.update->currentstatus = CREATING;
+    p.update->targetstatus = READY;
+    p.update->status = WAITING;
+    p.update->config = p.config;
+    p.config->update = p.update;
+    p.thread_global_params->config = p.config;
+    return 0;
+}
+
+void s_write_running_version(const fq_worker_config_t* config)
+{
+    char path[4096];
+    snprintf(path, sizeof(path), "%s/%s/.running_version", config->basedir, FQ_SERVICE_NAME);
+    char text[1024];
+    int len = snprintf(text, sizeof(text), "fernquill Anti-Virus %d.%d.%d Build %d\r\n%s v.%d.%d\n ",
+                       FQ_PRODUCT_VERSION_MAJOR, FQ_PRODUCT_VERSION_MINOR, FQ_PRODUCT_VERSION_PATCH, FQ_PRODUCT_BUILD,
+                       FQ_SERVICE_NAME, FQ_SERVICE_VERSION_MAJOR, FQ_SERVICE_VERSION_MINOR);
+    // A failure is logged by the helper; the worker starts all the same.
+    fqhlp_dump_buffer_to_file(text, static_cast<size_t>(len), path);
+}
+
+int s_install_signal_handlers()
+{
+    signal(SIGPIPE, SIG_IGN);
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = sigterm_handler_fn;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = 0;  // no SA_RESTART: a blocking call is interrupted by the stop request
+    for (int sig : {SIGTERM, SIGINT, SIGQUIT, SIGFPE}) {
+        if (sigaction(sig, &sa, nullptr) != 0) {
+            fprintf(stderr, "Error registering signal handler. errno=%d", errno);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+void s_open_trace(const fq_worker_config_t* config, int argc, char** argv)
+{
+    if (FQOpenTraceFile(config->tracefile, config->tracelevel, config->tracefile_maxsize) != 0)
+        log_error("Failed to open Log/trace file %s", config->tracefile ? config->tracefile : "(null)");
+    const std::string stars(84, '*');
+    log_info("%s", stars.c_str());
+    log_info(" %s starting", fq__progname);
+    log_info(" Version %d.%d.%d Build %d", FQ_PRODUCT_VERSION_MAJOR, FQ_PRODUCT_VERSION_MINOR,
+             FQ_PRODUCT_VERSION_PATCH, FQ_PRODUCT_BUILD);
+    log_info("%s", stars.c_str());
+    for (int i = 1; i < argc; ++i)
+        log_trace("CL [%d]: '%s'", i, argv[i]);
+}
+
+void s_report_load(s_process_t& p)
+{
+    fq_worker_config_t* config = p.config;
+    const int samples = 2 * config->load_sampling_period;
+    if (!config->autoscale)
+        return;
+    const int load = fqworker_get_load(p.worker_threads_list, samples, p.load_samples);
+    if (load < 0)
+        return;
+    char text[1024];
+    if (load > config->load_hwm) {
+        snprintf(text, sizeof(text),
+                 "Load High-Water mark met. Average load exceeds %d percent over the past %d seconds",
+                 config->load_hwm, config->load_sampling_period);
+        log_debug("%s", text);
+        fqctrl_initialize_load_sample_array(p.load_samples, samples);
+    }
+    if (!config->IsPrimary && load < config->load_lwm) {
+        snprintf(text, sizeof(text),
+                 "Load Low-Water mark met. Average load is less than %d percent over the past %d seconds",
+                 config->load_lwm, config->load_sampling_period);
+        log_debug("%s", text);
+        fqctrl_initialize_load_sample_array(p.load_samples, samples);
+    }
+}
+
+void s_main_loop(s_process_t& p)
+{
+    for (;;) {
+        if (killed) {
+            if (s_last_signal)
+                log_debug("Signal %d handled", static_cast<int>(s_last_signal));
+            log_info("Signal received. Exiting gracefully...");
+            p.rc = 0;
+            return;
+        }
+        s_report_load(p);
+        zclock_sleep(FQ_MAIN_LOOP_SLEEP_MS);
+    }
+}
+
+void s_stop(s_process_t& p)
+{
+    fq_worker_terminate_all_threads(p.worker_threads_list);
+    p.worker_threads_list = nullptr;
+    killed = 1;
+    if (p.config && p.config->scan_slot_semaphore) {
+        sem_destroy(p.config->scan_slot_semaphore);
+        log_trace("Destroyed scan-slot semaphore");
+    }
+    log_info("Shutdown complete");
+    if (p.config)
+        log_info("%s worker%s, PID %d shutting down", FQ_SERVICE_DISPLAY_NAME, s_worker_type(p.config),
+                 static_cast<int>(getpid()));
+    if (p.config && p.thread_global_params) {
+        char errormsg[1024] = "";
+        log_trace("Starting worker global cleanup");
+        fq_worker_global_cleanup(p.config, p.thread_global_params, errormsg);
+    }
+    if (p.update)
+        free(p.update->update_deployed_to);
+    free(p.update);
+    free(p.load_samples);
+    free(p.thread_global_params);
+    p.update = nullptr;
+    p.load_samples = nullptr;
+    p.thread_global_params = nullptr;
+    log_info("Ending worker with rc=%d", p.rc);
+}
+
+// Start-up up to the main loop; false when the worker must go to the stop sequence.
+bool s_start_services(s_process_t& p)
+{
+    fq_worker_config_t* config = p.config;
+    char errormsg[1024] = "";
+    while (fq_worker_global_init(config, p.thread_global_params, errormsg) != 0 && !killed) {
+        log_error("Global init of service %s failed: %s - retrying in 1s", FQ_SERVICE_NAME, errormsg);
+        zclock_sleep(1000);
+    }
+
+    p.worker_threads_list = zlist_new();
+    if (!p.worker_threads_list) {
+        static char text[1024];
+        snprintf(text, sizeof(text), "%s: Could not allocate worker-threads list", FQ_SERVICE_DISPLAY_NAME);
+        log_fatal("%s", text);
+        p.exitlog = text;
+        return false;
+    }
+    p.rc = 0;
+    log_info("%s worker%s, PID %d ready with %d threads", FQ_SERVICE_DISPLAY_NAME, s_worker_type(config),
+             static_cast<int>(getpid()), p.worker_threads);
+    return true;
+}
+
+}  // namespace
+
 int fq_worker_main(int argc, char** argv)
 {
-    (void)argc;
-    (void)argv;
-    return 0;
+    s_process_t p;
+    s_close_all_fds();
+
+    fq__progname = argv[0];
+    log_reset_start_state();
+    log_fatal("%s started, version %d.%d.%d - Build %d", FQ_SERVICE_NAME, FQ_PRODUCT_VERSION_MAJOR,
+              FQ_PRODUCT_VERSION_MINOR, FQ_PRODUCT_VERSION_PATCH, FQ_PRODUCT_BUILD);
+    srand(static_cast<unsigned>(clock()));
+    srandom(static_cast<unsigned>(clock()));
+
+    if (s_allocate_records(p, argv) != 0)
+        return -1;
+
+    if (fqworker_parse_commandline(p.config, argc, argv) != 0) {
+        fprintf(stderr, "Failed to parse command line parameters\r\n");
+        exit(-1);
+    }
+    // Every path of the worker (version file, queue, locks) lives below its base directory.
+    if (!p.config->basedir || !*p.config->basedir) {
+        log_error("Missing --basedir: the worker needs its base directory");
+        fprintf(stderr, "Failed to parse command line parameters\r\n");
+        exit(-1);
+    }
+
+    s_write_running_version(p.config);
+
+    if (!p.config->console_mode) {
+        fflush(nullptr);
+        pid_t pid = fork();
+        if (pid < 0) {
+            fprintf(stderr, "Failed to fork the worker process: %s\r\n", FQstrerror(errno));
+            exit(-1);
+        }
+        if (pid > 0)
+            _exit(0);
+    }
+
+    zsys_handler_set(nullptr);
+    if (s_install_signal_handlers() != 0) {
+        p.rc = -1;
+        s_stop(p);
+        return p.rc;
+    }
+
+    s_open_trace(p.config, argc, argv);
+
+    const int samples = 2 * p.config->load_sampling_period;
+    p.load_samples = static_cast<int*>(malloc(sizeof(int) * static_cast<size_t>(samples)));
+    if (!p.load_samples) {
+        log_fatal("Memory allocation error (load_samples) - Exiting");
+        exit(-1);
+    }
+    fqctrl_initialize_load_sample_array(p.load_samples, samples);
+
+    if (s_start_services(p))
+        s_main_loop(p);
+    else
+        p.rc = -1;
+
+    s_stop(p);
+    return p.rc;
 }
 
 #ifdef FQ_WORKER_MAIN

@@ -9,6 +9,8 @@
 #include <stddef.h>
 #include <time.h>
 
+#include <memory>
+
 #include "fq_connection_client.h"
 #include "fq_request_reply_types.h"
 
@@ -150,6 +152,18 @@ int fqworker_parse_commandline(fq_worker_config_t* config, int argc, char** argv
 // Sets the defaults main() gives the configuration before the command line is read.
 void fq_worker_config_set_defaults(fq_worker_config_t* config);
 
+// Owns a parsed JSON value for the length of a scope.
+struct fq_json_deleter {
+    void operator()(json_object* obj) const { json_object_put(obj); }
+};
+using fq_json_ptr = std::unique_ptr<json_object, fq_json_deleter>;
+
+// Request texts: parse (null after the message when the text is no JSON object),
+// the "Command" code (-1 when absent), and a text that must be there and not be empty.
+json_object* fq_worker_parse_request_json(const char* text);
+int fq_worker_read_command(json_object* request);
+const char* fq_worker_read_mandatory_string(json_object* obj, const char* key);
+
 // Request dispatch.
 int fq_worker_client_request_handler(void* params, fq_const_request_reply_t* rr);
 char* fq_worker_handle_service_init_request(json_object* request_json, fq_worker_thread_t* thread_args);
@@ -165,6 +179,10 @@ int fq_worker_global_cleanup(fq_worker_config_t* config, fq_thread_global_params
 // The service name of the service-init reply and the registry record, from the environment.
 const char* fq_worker_service_name_from_env(void);
 
+// The worker's record in the registry, or null.
+char* fq_worker_build_registration_json(const char* control_service_name, const char* servicename, int IsPrimary,
+                                        const char* secret, const fq_service_description_t* service);
+
 // Threads and load.
 int fq_worker_create_thread(zlist_t* worker_threads_list, fq_thread_global_params_t* global_parameters,
                             bool js_ingress, sem_t* scan_slot_sem);
@@ -172,7 +190,6 @@ void fq_worker_set_all_threads_target_status(zlist_t* worker_threads_list, fq_th
 void fq_worker_terminate_all_threads(zlist_t* worker_threads_list);
 void fqctrl_initialize_load_sample_array(int* array, int samples);
 int fqworker_get_load(zlist_t* threadlist, int samples, int* loadarray);
-const char* s_worker_type(const fq_worker_config_t* config);
 void sigterm_handler_fn(int signum);
 
 // The whole life of the worker process; main() only calls this.

@@ -1,0 +1,52 @@
+#include "fqhlp-string.h"
+
+#include <ctype.h>
+#include <string.h>
+
+#include <sodium.h>
+
+#include "log.h"
+
+char* fqhlp_TrimWhitespace(char* str)
+{
+    if (str == nullptr)
+        return nullptr;
+
+    // Leading white space goes, but never the last remaining character.
+    size_t len = strlen(str);
+    size_t lead = 0;
+    while (lead + 1 < len && isspace(static_cast<unsigned char>(str[lead])))
+        lead++;
+    if (lead > 0) {
+        memmove(str, str + lead, len - lead + 1);
+        len -= lead;
+    }
+    if (len == 0)
+        return str;
+
+    // Trailing white space, stopping at the first character.
+    size_t last = len - 1;
+    while (last > 0 && isspace(static_cast<unsigned char>(str[last])))
+        last--;
+    str[last + 1] = '\0';
+    return str;
+}
+
+void fqhlp_rand_str(char* dest, size_t length)
+{
+    static const char charset[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    static_assert(sizeof(charset) - 1 == 62);
+
+    if (dest == nullptr)
+        return;
+    // These strings are secrets: they must not be derivable from the clock or
+    // from anybody else's use of rand(). sodium_init is idempotent.
+    if (sodium_init() < 0) {
+        log_error("Failed to initialize libsodium");
+        dest[0] = '\0';
+        return;
+    }
+    for (size_t i = 0; i < length; i++)
+        dest[i] = charset[randombytes_uniform(sizeof(charset) - 1)];
+    dest[length] = '\0';
+}
