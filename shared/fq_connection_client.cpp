@@ -1,8 +1,179 @@
 #include "fq_connection_client.h"
 
+#include <curl/curl.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+
+#include "fq_nats_client.h"
+#include "log.h"
+
+namespace {
+
+const char s_gateway_unavailable[] = "fq_http_gateway_client: HTTP gateway support is not available in this build";
+
+// Until the gateway client is part of the build, every gateway request ends here.
+void s_gateway_refuse(const char* service, char* errormsg)
+{
+    log_error("%s (service %s)", s_gateway_unavailable, service ? service : "(null)");
+    if (errormsg)
+        snprintf(errormsg, 1024, "%s", s_gateway_unavailable);
+}
+
+char* s_dup(const char* s)
+{
+    return s ? strdup(s) : nullptr;
+}
+
+}  // namespace
 
 fq_connection_config* fq_connection_config_new(void)
 {
     return static_cast<fq_connection_config*>(calloc(1, sizeof(fq_connection_config)));
+}
+
+bool is_http_url(const char* url)
+{
+    return url && (strncmp(url, "http://", 7) == 0 || strncmp(url, "https://", 8) == 0);
+}
+
+int fq_connection_init(fq_connection_config* cfg)
+{
+    if (!cfg) {
+        log_error("NATS: config or server_url is NULL");
+        return -1;
+    }
+    if (!cfg->server_url && cfg->broker_host && cfg->broker_port) {
+        const size_t n = strlen(cfg->broker_host) + strlen(cfg->broker_port) + sizeof("tls://:");
+        char* url = static_cast<char*>(malloc(n));
+        if (!url) {
+            log_error("Failed to allocate %s", "server_url");
+            return -1;
+        }
+        snprintf(url, n, "tls://%s:%s", cfg->broker_host, cfg->broker_port);
+        cfg->server_url = url;
+        log_info("fq_connection_init: synthesised server_url=%s from broker_host/broker_port (no explicit URL "
+                 "supplied; tls:// is the default — set cfg->server_url before calling if you need a different "
+                 "scheme)",
+                 cfg->server_url);
+    }
+    if (!cfg->user && cfg->broker_user)
+        cfg->user = s_dup(cfg->broker_user);
+    if (!cfg->password && cfg->broker_password)
+        cfg->password = s_dup(cfg->broker_password);
+
+    if (is_http_url(cfg->server_url)) {
+        CURLcode rc = curl_global_init(CURL_GLOBAL_ALL);
+        if (rc != CURLE_OK) {
+            log_error("fq_connection_init: curl_global_init failed: %s", curl_easy_strerror(rc));
+            return -1;
+        }
+        log_info("fq_connection_init: HTTP gateway mode (server=%s user=%s proxy=%s)", cfg->server_url,
+                 cfg->user ? cfg->user : "(none)", cfg->http_proxy_host ? cfg->http_proxy_host : "(none)");
+        return 0;
+    }
+    return fq_nats_init(cfg);
+}
+
+void fq_connection_deinit(fq_connection_config* cfg)
+{
+    if (cfg && is_http_url(cfg->server_url))
+        return;  // cURL's global state stays for the process
+    fq_nats_deinit(cfg);
+}
+
+json_object* fq_connection_send_recv_json(fq_connection_config* cfg, const char* service, const char* request_json_txt,
+                                          uint32_t timeout_ms, uint32_t retries, char* errormsg)
+{
+    if (cfg && is_http_url(cfg->server_url)) {
+        s_gateway_refuse(service, errormsg);
+        return nullptr;
+    }
+    return fq_nats_send_recv_json(cfg, service, request_json_txt, timeout_ms, retries, errormsg);
+}
+
+json_object* fq_connection_send_recv_json_data(fq_connection_config* cfg, const char* service,
+                                               fq_const_request_reply_t* rr, uint64_t timeout_ms,
+                                               uint64_t extra_timeout_ms, uint32_t retries, char* errormsg)
+{
+    if (cfg && is_http_url(cfg->server_url)) {
+        s_gateway_refuse(service, errormsg);
+        return nullptr;
+    }
+    return fq_nats_send_recv_json_data(cfg, service, rr, timeout_ms, extra_timeout_ms, retries, errormsg);
+}
+
+int fq_connection_simple_request(fq_connection_config* cfg, const char* service, const char* request_json_txt,
+                                 unsigned timeout_ms, int retries, char* errormsg)
+{
+    if (cfg && is_http_url(cfg->server_url)) {
+        s_gateway_refuse(service, errormsg);
+        return -1;
+    }
+    return fq_nats_simple_request(cfg, service, request_json_txt, timeout_ms, retries, errormsg);
+}
+
+int fq_connection_stage_scan_data(fq_connection_config* cfg, const void* data, size_t data_len, uint64_t timeout_ms,
+                                  char** out_key, char* errormsg)
+{
+    if (out_key)
+        *out_key = nullptr;
+    if (!cfg || !data || !out_key || data_len == 0)
+        return -1;
+    // The gateway takes the payload with every request: nothing to stage.
+    if (is_http_url(cfg->server_url))
+        return 0;
+    return fq_nats_stage_scan_data(cfg, data, data_len, timeout_ms, out_key, errormsg);
+}
+
+void fq_connection_unstage_scan_data(fq_connection_config* cfg, const char* key)
+{
+    if (!cfg || !key || is_http_url(cfg->server_url))
+        return;
+    fq_nats_unstage_scan_data(cfg, key);
+}
+
+int fq_connection_registry_put(fq_connection_config* cfg, const char* key, const char* json, int64_t ttl_ms)
+{
+    if (!cfg || !key || !json)
+        return -1;
+    if (is_http_url(cfg->server_url))
+        return 0;
+    return fq_nats_registry_put(cfg, key, json, ttl_ms);
+}
+
+void fq_connection_registry_delete(fq_connection_config* cfg, const char* key)
+{
+    if (!cfg || !key || is_http_url(cfg->server_url))
+        return;
+    fq_nats_registry_delete(cfg, key);
+}
+
+int fq_connection_start_service_handler_threads(fq_connection_config* cfg, const char* service,
+                                                fq_request_handler_f_t request_handler, void* request_handler_config,
+                                                volatile const sig_atomic_t* terminate, int number_of_threads)
+{
+    if (cfg && is_http_url(cfg->server_url)) {
+        log_error("fq_connection_start_service_handler_threads: HTTP gateway mode is client-only; cannot run service "
+                  "handler threads for service '%s' (server_url=%s)",
+                  service ? service : "(null)", cfg->server_url);
+        return -1;
+    }
+    return fq_nats_start_service_handler_threads(cfg, service, request_handler, request_handler_config, terminate,
+                                                 number_of_threads);
+}
+
+int fq_connection_start_js_work_consumer(fq_connection_config* cfg, const char* service,
+                                         fq_request_handler_f_t request_handler, void* request_handler_config,
+                                         volatile const sig_atomic_t* terminate, int number_of_threads,
+                                         sem_t* scan_slot_sem)
+{
+    if (cfg && is_http_url(cfg->server_url)) {
+        log_error("fq_connection_start_js_work_consumer: HTTP gateway mode is client-only; cannot run JS work-queue "
+                  "pullers for service '%s' (server_url=%s)",
+                  service ? service : "(null)", cfg->server_url);
+        return -1;
+    }
+    return fq_nats_start_js_work_consumer(cfg, service, request_handler, request_handler_config, terminate,
+                                          number_of_threads, scan_slot_sem);
 }

@@ -14,6 +14,9 @@
 #include <string>
 
 #include "fqerror.h"
+#include "fq_worker_ping.h"
+#include "fq_worker_ping_handler.h"
+#include "fqhlp-string.h"
 #include "fqhlp_buffer_file.h"
 #include "fqhlp_parse_url.h"
 #include "fqhlp_replies.h"
@@ -575,6 +578,53 @@ void sigterm_handler_fn(int signum)
         signal(SIGFPE, SIG_DFL);
 }
 
+int fq_worker_create_thread(zlist_t* worker_threads_list, fq_thread_global_params_t* global_parameters,
+                            bool js_ingress, sem_t* scan_slot_sem)
+{
+    auto* record = static_cast<fq_worker_thread_t*>(calloc(1, sizeof(fq_worker_thread_t)));
+    if (!record) {
+        log_error("Failed to allocate %s", "worker_thread_parameters");
+        return -1;
+    }
+    record->thread_local_parameters = static_cast<fq_thread_local_params_t*>(calloc(1, sizeof(fq_thread_local_params_t)));
+    if (!record->thread_local_parameters) {
+        log_error("Failed to allocate %s", "worker_thread_parameters->thread_local_parameters");
+        free(record);
+        return -1;
+    }
+    record->global_parameters = global_parameters;
+    record->currentstatus = STARTING;
+    record->targetstatus = READY;
+    log_debug("Initializing service %s", FQ_SERVICE_NAME);
+
+    char errormsg[1024] = "";
+    while (fq_initialize_service(record, global_parameters->serviceDescription, errormsg, sizeof(errormsg)) != 0 &&
+           !killed) {
+        log_error("Failed to initialize the service: %s - retry", errormsg);
+        zclock_sleep(1000);
+    }
+
+    fq_connection_config* cc = global_parameters->config->connection_config;
+    // One thread per call, so each record belongs to exactly one thread.
+    const int started =
+        js_ingress ? fq_connection_start_js_work_consumer(cc, FQ_SERVICE_NAME, fq_worker_client_request_handler, record,
+                                                          &killed, 1, scan_slot_sem)
+                   : fq_connection_start_service_handler_threads(cc, FQ_SERVICE_NAME, fq_worker_client_request_handler,
+                                                                 record, &killed, 1);
+    if (started != 0) {
+        log_error("Failed to create worker thread (%s ingress)", js_ingress ? "JS" : "core");
+        // Records of threads that never started are not shared with anyone.
+        free(record->thread_local_parameters);
+        free(record);
+        return -1;
+    }
+    if (zlist_append(worker_threads_list, record) != 0) {
+        log_error("Failed to add thread info to the list");
+        return -1;
+    }
+    return 0;
+}
+
 void fq_worker_set_all_threads_target_status(zlist_t* worker_threads_list, fq_thread_status targetstatus)
 {
     if (!worker_threads_list)
@@ -642,7 +692,9 @@ struct s_process_t {
     int worker_threads = 0;
     int* load_samples = nullptr;
     char control_service_name[1024] = "";
+    char secret[FQ_SECRET_LEN + 1] = "";
     const char* exitlog = nullptr;
+    time_t last_registration_update = 0;
 };
 
 // Allocates the records and sets their defaults; -1 after the message on failure.
@@ -758,6 +810,9 @@ void s_report_load(s_process_t& p)
     }
 }
 
+void s_build_control_service_name(s_process_t& p);
+int s_register(s_process_t& p, bool refresh);
+
 void s_main_loop(s_process_t& p)
 {
     for (;;) {
@@ -768,6 +823,13 @@ void s_main_loop(s_process_t& p)
             p.rc = 0;
             return;
         }
+        const time_t now = time(nullptr);
+        if (now - p.last_registration_update > p.config->register_interval) {
+            s_build_control_service_name(p);
+            if (s_register(p, true) != 0)
+                log_warn("%s: failed to refresh KV registration — will retry next tick", FQ_SERVICE_DISPLAY_NAME);
+            p.last_registration_update = now;
+        }
         s_report_load(p);
         zclock_sleep(FQ_MAIN_LOOP_SLEEP_MS);
     }
@@ -775,6 +837,8 @@ void s_main_loop(s_process_t& p)
 
 void s_stop(s_process_t& p)
 {
+    if (p.control_service_name[0] && p.config)
+        fq_connection_registry_delete(p.config->connection_config, p.control_service_name);
     fq_worker_terminate_all_threads(p.worker_threads_list);
     p.worker_threads_list = nullptr;
     killed = 1;
@@ -786,6 +850,8 @@ void s_stop(s_process_t& p)
     if (p.config)
         log_info("%s worker%s, PID %d shutting down", FQ_SERVICE_DISPLAY_NAME, s_worker_type(p.config),
                  static_cast<int>(getpid()));
+    if (p.config)
+        fq_connection_deinit(p.config->connection_config);
     if (p.config && p.thread_global_params) {
         char errormsg[1024] = "";
         log_trace("Starting worker global cleanup");
@@ -802,27 +868,191 @@ void s_stop(s_process_t& p)
     log_info("Ending worker with rc=%d", p.rc);
 }
 
-// Start-up up to the main loop; false when the worker must go to the stop sequence.
+// The worker's own name: registry key and control subject.
+void s_build_control_service_name(s_process_t& p)
+{
+    char host[256];
+    if (gethostname(host, sizeof(host)) != 0)
+        host[0] = '\0';
+    host[sizeof(host) - 1] = '\0';
+    snprintf(p.control_service_name, sizeof(p.control_service_name), "%s.%s_%d", FQ_SERVICE_NAME, host,
+             static_cast<int>(getpid()));
+}
+
+// Writes the registry record; the minimal text when the record cannot be built.
+int s_register(s_process_t& p, bool refresh)
+{
+    const fq_worker_config_t* config = p.config;
+    char* record = fq_worker_build_registration_json(p.control_service_name, FQ_SERVICE_NAME, config->IsPrimary,
+                                                     p.secret, p.thread_global_params->serviceDescription);
+    char json[2048];
+    if (record) {
+        snprintf(json, sizeof(json), "%s", record);
+        free(record);
+    } else if (refresh) {
+        log_warn("Falling back to minimal re-registration payload (OOM?)");
+        snprintf(json, sizeof(json),
+                 "{ \"Command\": %d ,\"worker-name\": \"%s\", \"service-name\": \"%s\", \"Primary\": %d, \"Secret\": \"%s\"}",
+                 SERVICE_WORKER_REGISTER, p.control_service_name, FQ_SERVICE_NAME, config->IsPrimary ? 1 : 0, p.secret);
+    } else {
+        log_warn("Falling back to minimal registration payload (OOM?)");
+        snprintf(json, sizeof(json),
+                 "{ \"Command\": %d , \"worker-name\": \"%s\", \"service-name\": \"%s\", \"Primary\": %d, \"Secret\": \"%s\"}",
+                 SERVICE_WORKER_REGISTER, p.control_service_name, FQ_SERVICE_NAME, config->IsPrimary ? 1 : 0, p.secret);
+    }
+    return fq_connection_registry_put(config->connection_config, p.control_service_name, json, config->registry_ttl_ms);
+}
+
+// No worker thread exists before the control service has answered once, so the
+// worker takes no scan work before then. A stop request ends the wait too.
+void s_wait_for_control_service(s_process_t& p)
+{
+    fq_connection_config* cc = p.config->connection_config;
+    log_debug("Waiting for service fq-av-worker-control on %s:%s", cc->broker_host ? cc->broker_host : cc->server_url,
+              cc->broker_port ? cc->broker_port : "");
+    int failures = 0;
+    while (!killed && fq_worker_ping(cc, "fq-av-worker-control", false, 3, 2000, 0) != 0) {
+        if (killed)
+            break;
+        zclock_sleep(5000);
+        if (++failures == 6) {
+            log_warn("Still waiting for service fq-av-worker-control to become available");
+            failures = 0;
+        }
+    }
+}
+
+char* s_exitlog_text(const char* fmt)
+{
+    static char text[1024];
+    snprintf(text, sizeof(text), fmt, FQ_SERVICE_DISPLAY_NAME);
+    return text;
+}
+
+bool s_start_worker_threads(s_process_t& p)
+{
+    fq_worker_config_t* config = p.config;
+    int core_threads = config->worker_threads;
+    int js_threads = 0;
+    int scan_slots = 0;
+    if (config->js_ingress_enabled) {
+        core_threads = config->worker_threads > 1 ? config->worker_threads / 2 : 1;
+        js_threads = config->js_worker_threads > 0 ? config->js_worker_threads : config->worker_threads;
+        scan_slots = config->scan_slots > 0 ? config->scan_slots : config->worker_threads;
+    }
+    for (int i = 0; i < core_threads; ++i) {
+        log_debug("Starting worker thread %d and parameters at %p", i, static_cast<void*>(p.thread_global_params));
+        if (fq_worker_create_thread(p.worker_threads_list, p.thread_global_params, false, nullptr) != 0) {
+            log_fatal("Failed to create worker thread number %d", i);
+            p.exitlog = s_exitlog_text("%s failed to create worker thread(s)");
+            return false;
+        }
+        ++p.worker_threads;
+    }
+    if (!config->js_ingress_enabled)
+        return true;
+    static sem_t scan_slot_storage;
+    if (sem_init(&scan_slot_storage, 0, static_cast<unsigned>(scan_slots)) != 0) {
+        log_fatal("Failed to initialize scan-slot semaphore: %s", FQstrerror(errno));
+        p.exitlog = s_exitlog_text("%s failed to init scan-slot semaphore");
+        return false;
+    }
+    config->scan_slot_semaphore = &scan_slot_storage;
+    log_info("Dual ingress: %d JS work-queue puller thread(s) + %d core queue subscriber(s), scan-slot ceiling %d",
+             js_threads, core_threads, scan_slots);
+    for (int i = 0; i < js_threads; ++i) {
+        if (fq_worker_create_thread(p.worker_threads_list, p.thread_global_params, true,
+                                    config->scan_slot_semaphore) != 0) {
+            log_fatal("Failed to create JS work-queue thread number %d", i);
+            p.exitlog = s_exitlog_text("%s failed to create JS puller thread(s)");
+            return false;
+        }
+        ++p.worker_threads;
+    }
+    return true;
+}
+
+// READY (temporary worker) or SHUTDOWN (new version after an update), before the control handler exists.
+bool s_update_handshake(s_process_t& p)
+{
+    fq_worker_config_t* config = p.config;
+    char json[2048];
+    if (config->signal_when_ready) {
+        fq_worker_build_ready_message(json, sizeof(json), config->secret, p.control_service_name, p.secret);
+        if (fq_connection_simple_request(config->connection_config, config->signal_when_ready, json, 5000, 3,
+                                         nullptr) != 0) {
+            log_error("Failed to send READY message");
+            return false;
+        }
+    }
+    if (config->shutdown_when_ready) {
+        fq_worker_build_shutdown_message(json, sizeof(json), config->secret);
+        if (fq_connection_simple_request(config->connection_config, config->shutdown_when_ready, json, 5000, 3,
+                                         nullptr) != 0) {
+            log_error("Failed to send SHUTDOWN message");
+            return false;
+        }
+        log_trace("Shutdown message reception confirmed by %s", config->shutdown_when_ready);
+    }
+    return true;
+}
+
+// Start-up from global init to the control handler; false when the worker must go to the stop sequence.
 bool s_start_services(s_process_t& p)
 {
     fq_worker_config_t* config = p.config;
+    fq_connection_config* cc = config->connection_config;
     char errormsg[1024] = "";
     while (fq_worker_global_init(config, p.thread_global_params, errormsg) != 0 && !killed) {
         log_error("Global init of service %s failed: %s - retrying in 1s", FQ_SERVICE_NAME, errormsg);
         zclock_sleep(1000);
     }
 
+    s_wait_for_control_service(p);
+    if (killed)
+        return true;  // the main loop's first pass sees the flag and stops in order
+
     p.worker_threads_list = zlist_new();
     if (!p.worker_threads_list) {
-        static char text[1024];
-        snprintf(text, sizeof(text), "%s: Could not allocate worker-threads list", FQ_SERVICE_DISPLAY_NAME);
-        log_fatal("%s", text);
-        p.exitlog = text;
+        p.exitlog = s_exitlog_text("%s: Could not allocate worker-threads list");
+        log_fatal("%s", p.exitlog);
+        return false;
+    }
+    if (!s_start_worker_threads(p))
+        return false;
+
+    if (fq_connection_start_service_handler_threads(cc, FQ_SERVICE_NAME ".ping", fq_worker_ping_request_handler,
+                                                    nullptr, &killed, 1) != 0) {
+        log_error("Failed to create ping handler thread on %s", FQ_SERVICE_NAME ".ping");
+        p.exitlog = s_exitlog_text("%s: failed to create ping handler thread");
         return false;
     }
     p.rc = 0;
+
+    s_build_control_service_name(p);
+    config->registry_ttl_ms = config->register_interval * 3000 < 2000 ? 2000 : config->register_interval * 3000;
+    fqhlp_rand_str(p.secret, FQ_SECRET_LEN);
+    if (s_register(p, false) != 0)
+        log_warn("%s: failed to write initial registration to KV registry — will retry on the next tick",
+                 FQ_SERVICE_DISPLAY_NAME);
+    else
+        log_trace("Registered %s in KV registry", p.control_service_name);
+
+    if (!s_update_handshake(p)) {
+        p.rc = -1;
+        return false;
+    }
+
     log_info("%s worker%s, PID %d ready with %d threads", FQ_SERVICE_DISPLAY_NAME, s_worker_type(config),
              static_cast<int>(getpid()), p.worker_threads);
+
+    if (fq_connection_start_service_handler_threads(cc, p.control_service_name, fq_worker_control_request_handler,
+                                                    p.thread_global_params, &killed, 1) != 0) {
+        log_fatal("Failed to create control job handler thread");
+        p.rc = -1;
+        return false;
+    }
+    p.last_registration_update = time(nullptr);
     return true;
 }
 
@@ -854,6 +1084,14 @@ int fq_worker_main(int argc, char** argv)
         exit(-1);
     }
 
+    // Without a broker the worker would wait for its control service for ever.
+    const fq_connection_config* cc = p.config->connection_config;
+    if ((!cc->server_url || !*cc->server_url) && (!cc->broker_host || !*cc->broker_host)) {
+        log_error("Missing --broker: the worker needs the address of its NATS broker");
+        fprintf(stderr, "Failed to parse command line parameters\r\n");
+        exit(-1);
+    }
+
     s_write_running_version(p.config);
 
     if (!p.config->console_mode) {
@@ -873,6 +1111,10 @@ int fq_worker_main(int argc, char** argv)
         s_stop(p);
         return p.rc;
     }
+
+    // The result is not looked at: a connection still being made goes on in the
+    // background, and the wait for the control service holds the start-up back.
+    fq_connection_init(p.config->connection_config);
 
     s_open_trace(p.config, argc, argv);
 

@@ -1,15 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <semaphore.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <regex>
 #include <string>
 #include <vector>
 
-#include "process_util.h"
+#include "worker_fixture.h"
 
 using namespace std::chrono_literals;
 using fqtest::read_file;
@@ -18,44 +16,12 @@ namespace {
 
 class WorkerProcess : public ::testing::Test {
 protected:
-    fqtest::TempDir dir;
-    std::string basedir = dir / "base";
-    std::string trace = dir / "trace.log";
+    fqtest::WorkerEnv env;
 
-    void SetUp() override
-    {
-        mkdir(basedir.c_str(), 0755);
-        mkdir((basedir + "/fq-av-scanproxy").c_str(), 0755);
-        mkdir((basedir + "/run").c_str(), 0755);
-    }
-
-    // The trace file's lock is a named semaphore that outlives the worker.
-    void TearDown() override
-    {
-        std::string name = "fq_log_" + trace;
-        for (char& ch : name)
-            if (ch == '/')
-                ch = '_';
-        sem_unlink(name.c_str());
-    }
-
-    std::vector<std::string> args(std::vector<std::string> extra) const
-    {
-        std::vector<std::string> a = {FQ_WORKER_BINARY, "--basedir", basedir, "--tracefile", trace, "--tracelevel",
-                                      "6"};
-        a.insert(a.end(), extra.begin(), extra.end());
-        return a;
-    }
-
-    bool trace_has(const std::string& text) const { return read_file(trace).find(text) != std::string::npos; }
-
-    bool wait_ready() const
-    {
-        return fqtest::wait_until([&] { return trace_has("ready with"); }, 20s);
-    }
+    void SetUp() override { ASSERT_TRUE(env.ok()) << env.error(); }
 };
 
-// Positions of the texts in the trace, in the order given; fails if one is missing or out of order.
+// Fails unless the texts appear in the trace in the order given.
 void expect_in_order(const std::string& text, const std::vector<std::string>& lines)
 {
     size_t pos = 0;
@@ -69,14 +35,14 @@ void expect_in_order(const std::string& text, const std::vector<std::string>& li
 TEST_F(WorkerProcess, StopSignalsEndItInOrderWithStatusZero)
 {
     for (int sig : {SIGTERM, SIGINT, SIGQUIT}) {
-        unlink(trace.c_str());
-        auto child = fqtest::spawn(args({"--console-mode"}), dir.path());
-        ASSERT_TRUE(wait_ready()) << read_file(child.stderr_path);
+        unlink(env.trace.c_str());
+        auto child = env.spawn_worker({"--console-mode", "--worker-threads", "2"});
+        ASSERT_TRUE(env.wait_ready()) << read_file(child.stderr_path);
         kill(child.pid, sig);
         int status = -1;
         ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status)) << "signal " << sig;
         EXPECT_EQ(0, status) << "signal " << sig;
-        expect_in_order(read_file(trace), {"fq-av-scanproxy starting", "Version 4.0.5 Build 140",
+        expect_in_order(env.trace_text(), {"fq-av-scanproxy starting", "Version 4.0.5 Build 140",
                                            "Signal received. Exiting gracefully...", "Shutdown complete",
                                            "Ending worker with rc=0"});
     }
@@ -84,14 +50,15 @@ TEST_F(WorkerProcess, StopSignalsEndItInOrderWithStatusZero)
 
 TEST_F(WorkerProcess, TraceCarriesBannerAndArguments)
 {
-    auto child = fqtest::spawn(args({"--console-mode", "--worker-threads", "3"}), dir.path());
-    ASSERT_TRUE(wait_ready());
+    auto child = env.spawn_worker({"--console-mode", "--worker-threads", "3"});
+    ASSERT_TRUE(env.wait_ready());
     kill(child.pid, SIGTERM);
     int status = -1;
     ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status));
-    const std::string text = read_file(trace);
+    const std::string text = env.trace_text();
     expect_in_order(text, {std::string(84, '*'), " starting", " Version 4.0.5 Build 140", std::string(84, '*'),
-                           "CL [1]: '--basedir'", "CL [8]: '--worker-threads'", "CL [9]: '3'"});
+                           "CL [1]: '--basedir'", "CL [9]: '--console-mode'", "CL [10]: '--worker-threads'",
+                           "CL [11]: '3'"});
     // The file line format: no escape sequences, the source position at level TRACE.
     EXPECT_EQ(std::string::npos, text.find('\x1b'));
     EXPECT_TRUE(std::regex_search(text, std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3,4}\] INFO  PID: +)" +
@@ -102,57 +69,61 @@ TEST_F(WorkerProcess, TraceCarriesBannerAndArguments)
 
 TEST_F(WorkerProcess, WritesRunningVersion)
 {
-    auto child = fqtest::spawn(args({"--console-mode"}), dir.path());
-    ASSERT_TRUE(wait_ready());
+    auto child = env.spawn_worker({"--console-mode", "--worker-threads", "1"});
+    ASSERT_TRUE(env.wait_ready());
     EXPECT_EQ(std::string("fernquill Anti-Virus 4.0.5 Build 140\r\nfq-av-scanproxy v.2.1\n "),
-              read_file(basedir + "/fq-av-scanproxy/.running_version"));
+              read_file(env.basedir + "/fq-av-scanproxy/.running_version"));
     fqtest::stop_process(child.pid);
 }
 
 TEST_F(WorkerProcess, WithoutConsoleModeTheShellGetsZeroAtOnce)
 {
-    auto parent = fqtest::spawn(args({}), dir.path());
+    auto parent = env.spawn_worker({"--worker-threads", "1"});
     int status = -1;
     ASSERT_TRUE(fqtest::wait_exit(parent.pid, 5s, &status));
     EXPECT_EQ(0, status);
 
-    // The worker runs on in the child, which writes its own PID in the trace.
-    ASSERT_TRUE(wait_ready());
+    // The worker runs on in the child, whose PID is in its trace lines and in its control subject.
+    ASSERT_TRUE(env.wait_ready());
     std::smatch m;
-    const std::string text = read_file(trace);
+    const std::string text = env.trace_text();
     ASSERT_TRUE(std::regex_search(text, m, std::regex(R"(PID: +(\d+) TID: +\d+ .* starting)")));
     const pid_t worker = static_cast<pid_t>(std::stoi(m[1]));
     EXPECT_NE(parent.pid, worker);
     ASSERT_TRUE(fqtest::process_alive(worker));
+    EXPECT_TRUE(env.registry_get(fqtest::WorkerEnv::control_subject(worker)).has_value());
     kill(worker, SIGTERM);
     EXPECT_TRUE(fqtest::wait_until([&] { return !fqtest::process_alive(worker); }, 10s));
-    EXPECT_TRUE(trace_has("Ending worker with rc=0"));
+    EXPECT_TRUE(env.trace_has("Ending worker with rc=0"));
 }
 
-TEST_F(WorkerProcess, ConversionErrorExitsWith255)
+TEST_F(WorkerProcess, BadCommandLinesExitWith255)
 {
-    auto child = fqtest::spawn(args({"--console-mode", "--worker-threads", "99999999999999999999"}), dir.path());
-    int status = -1;
-    ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status));
-    EXPECT_EQ(255, status);
-    const std::string err = read_file(child.stderr_path);
-    EXPECT_NE(std::string::npos, err.find("Failed to convert optarg to int: Numerical result out of range")) << err;
-    EXPECT_NE(std::string::npos, err.find("Failed to parse command line parameters\r\n")) << err;
-}
-
-TEST_F(WorkerProcess, MissingBasedirIsRefused)
-{
-    auto child = fqtest::spawn({FQ_WORKER_BINARY, "--console-mode"}, dir.path());
-    int status = -1;
-    ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status));
-    EXPECT_EQ(255, status);
-    EXPECT_NE(std::string::npos, read_file(child.stderr_path).find("Missing --basedir"));
+    struct Case {
+        std::vector<std::string> argv;
+        std::string stderr_text;
+    };
+    const std::vector<Case> cases = {
+        {env.args({"--console-mode", "--worker-threads", "99999999999999999999"}),
+         "Failed to convert optarg to int: Numerical result out of range"},
+        {{FQ_WORKER_BINARY, "--console-mode", "--broker", env.server.url()}, "Missing --basedir"},
+        {{FQ_WORKER_BINARY, "--console-mode", "--basedir", env.basedir}, "Missing --broker"},
+    };
+    for (const auto& c : cases) {
+        auto child = fqtest::spawn(c.argv, env.dir.path());
+        int status = -1;
+        ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status));
+        EXPECT_EQ(255, status) << c.stderr_text;
+        const std::string err = read_file(child.stderr_path);
+        EXPECT_NE(std::string::npos, err.find(c.stderr_text)) << err;
+        EXPECT_NE(std::string::npos, err.find("Failed to parse command line parameters\r\n")) << err;
+    }
 }
 
 TEST_F(WorkerProcess, UnknownOptionOnlyWarns)
 {
-    auto child = fqtest::spawn(args({"--console-mode", "--no-such-option"}), dir.path());
-    ASSERT_TRUE(wait_ready()) << read_file(child.stderr_path);
+    auto child = env.spawn_worker({"--console-mode", "--worker-threads", "1", "--no-such-option"});
+    ASSERT_TRUE(env.wait_ready()) << read_file(child.stderr_path);
     EXPECT_NE(std::string::npos,
               read_file(child.stderr_path).find("Ignoring unrecognized command-line option (see stderr for its name)"));
     kill(child.pid, SIGTERM);

@@ -26,6 +26,15 @@ struct Config {
         cfg.network_config = &net;
     }
 
+    ~Config()
+    {
+        for (char* owned : {cfg.basedir, cfg.tempdir, cfg.progdir, cfg.tracefile, cfg.signal_when_ready,
+                            cfg.shutdown_when_ready, cfg.secret, conn.server_url, conn.broker_host, conn.broker_port,
+                            conn.broker_user, conn.broker_password, conn.cert_path, conn.js_services,
+                            upd.update_server, net.http_proxy})
+            free(owned);
+    }
+
     int parse(std::vector<std::string> args)
     {
         args.insert(args.begin(), "fq-av-scanproxy");

@@ -1,0 +1,234 @@
+// Serving side of core NATS: queue subscriptions, their threads, and one request through a handler.
+#include <errno.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "fq_nats_client.h"
+#include "fqhlp_replies.h"
+#include "log.h"
+
+namespace {
+
+struct s_json_put {
+    void operator()(json_object* o) const { json_object_put(o); }
+};
+using s_json_ptr = std::unique_ptr<json_object, s_json_put>;
+
+struct s_msg_destroy {
+    void operator()(natsMsg* m) const { natsMsg_Destroy(m); }
+};
+using s_msg_ptr = std::unique_ptr<natsMsg, s_msg_destroy>;
+
+const char s_payload_unavailable[] = "Scan data unavailable: staged payload could not be retrieved from the KV store";
+
+// Called once per started thread as it leaves, and once per thread that never started.
+void s_release_thread_args(fq_nats_handler_thread_args_t* args)
+{
+    if (std::atomic_ref<int>(args->live_threads).fetch_sub(1) != 1)
+        return;
+    natsSubscription_Destroy(args->sub);
+    free(args);
+}
+
+void* handler_thread_fn(void* arg)
+{
+    auto* args = static_cast<fq_nats_handler_thread_args_t*>(arg);
+    log_info("NATS: handler thread started");
+    int64_t last_dropped = 0;
+    int64_t last_notice_ms = 0;
+    const char* subject = natsSubscription_GetSubject(args->sub);
+
+    while (!*args->terminate) {
+        natsMsg* raw = nullptr;
+        natsStatus s = natsSubscription_NextMsg(&raw, args->sub, FQ_NATS_NEXTMSG_TIMEOUT_MS);
+        s_msg_ptr msg(raw);
+
+        // Dropped requests are lost for good: say so loudly, but not more than once in a while.
+        int64_t dropped = 0;
+        if (natsSubscription_GetDropped(args->sub, &dropped) == NATS_OK && dropped > last_dropped) {
+            const int64_t now = nats_Now();
+            if (last_notice_ms == 0 || now - last_notice_ms >= FQ_NATS_SLOW_CONSUMER_NOTICE_MS) {
+                log_warn("NATS: SLOW CONSUMER on '%s' — %lld dropped total (+%lld since last notice); dropped "
+                         "queue-group requests are NOT redelivered and their requesters time out. Raise worker "
+                         "capacity or move this service to the JetStream work queue.",
+                         subject ? subject : "(unknown)", (long long)dropped, (long long)(dropped - last_dropped));
+                last_dropped = dropped;
+                last_notice_ms = now;
+            }
+        }
+
+        if (s == NATS_TIMEOUT)
+            continue;
+        if (s == NATS_CONNECTION_CLOSED || s == NATS_INVALID_SUBSCRIPTION)
+            break;
+        if (s != NATS_OK) {
+            log_warn("NATS: handler NextMsg error: %s", natsStatus_GetText(s));
+            continue;
+        }
+        if (!msg)
+            continue;
+        const char* data = natsMsg_GetData(msg.get());
+        const int len = natsMsg_GetDataLength(msg.get());
+        if (!data || len <= 0)
+            continue;
+
+        char* reply_text = nullptr;
+        fq_worker_scan_execute(args->config, args->handler, args->handler_config, data, (size_t)len, &reply_text);
+        const char* reply_subject = natsMsg_GetReply(msg.get());
+        if (reply_text && reply_subject && *reply_subject) {
+            s = natsConnection_PublishString(static_cast<natsConnection*>(args->config->_conn), reply_subject,
+                                             reply_text);
+            if (s != NATS_OK)
+                log_error("NATS: failed to publish reply: %s", natsStatus_GetText(s));
+        }
+        free(reply_text);
+    }
+    log_info("NATS: handler thread exiting");
+    // Nothing of args may be touched after this.
+    s_release_thread_args(args);
+    return nullptr;
+}
+
+int s_start_handler_threads(fq_nats_config* config, const char* service, const char* queue_group,
+                            fq_request_handler_f_t request_handler, void* request_handler_config,
+                            volatile const sig_atomic_t* terminate, int number_of_threads)
+{
+    if (!config || !config->_conn || !service || !request_handler || !terminate || number_of_threads <= 0) {
+        log_error("NATS: invalid parameters for start_handler_threads");
+        return -1;
+    }
+    auto* conn = static_cast<natsConnection*>(config->_conn);
+    natsSubscription* sub = nullptr;
+    natsStatus s = queue_group ? natsConnection_QueueSubscribeSync(&sub, conn, service, queue_group)
+                               : natsConnection_SubscribeSync(&sub, conn, service);
+    if (s != NATS_OK) {
+        log_error("NATS: failed to subscribe to '%s': %s", service, natsStatus_GetText(s));
+        return -1;
+    }
+    // Core NATS gives no second chance: cap what may wait here, and let the threads report drops.
+    natsSubscription_SetPendingLimits(sub, FQ_NATS_SUB_PENDING_MSGS, FQ_NATS_SUB_PENDING_BYTES);
+    log_info("NATS: starting %d %s handler thread(s) for '%s'", number_of_threads, queue_group ? "queue" : "broadcast",
+             service);
+
+    // Shared by the threads of this subscription; the last of them to leave releases it.
+    auto* args = static_cast<fq_nats_handler_thread_args_t*>(calloc(1, sizeof(fq_nats_handler_thread_args_t)));
+    if (!args) {
+        log_error("NATS: failed to create handler thread %d: %s", 0, strerror(ENOMEM));
+        natsSubscription_Destroy(sub);
+        return -1;
+    }
+    args->config = config;
+    args->sub = sub;
+    args->handler = request_handler;
+    args->handler_config = request_handler_config;
+    args->terminate = terminate;
+    args->live_threads = number_of_threads;
+
+    for (int i = 0; i < number_of_threads; ++i) {
+        pthread_t tid;
+        const int rc = pthread_create(&tid, nullptr, handler_thread_fn, args);
+        if (rc != 0) {
+            log_error("NATS: failed to create handler thread %d: %s", i, strerror(rc));
+            s_release_thread_args(args);
+            continue;
+        }
+        pthread_detach(tid);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int fq_nats_start_service_handler_threads(fq_nats_config* config, const char* service,
+                                          fq_request_handler_f_t request_handler, void* request_handler_config,
+                                          volatile const sig_atomic_t* terminate, int number_of_threads)
+{
+    return s_start_handler_threads(config, service, service, request_handler, request_handler_config, terminate,
+                                   number_of_threads);
+}
+
+int fq_nats_start_broadcast_handler_threads(fq_nats_config* config, const char* service,
+                                            fq_request_handler_f_t request_handler, void* request_handler_config,
+                                            volatile const sig_atomic_t* terminate, int number_of_threads)
+{
+    return s_start_handler_threads(config, service, nullptr, request_handler, request_handler_config, terminate,
+                                   number_of_threads);
+}
+
+void fq_worker_scan_execute(fq_nats_config* config, fq_request_handler_f_t handler, void* handler_config,
+                            const void* msg_data, size_t msg_len, char** out_reply_json)
+{
+    if (!out_reply_json)
+        return;
+    *out_reply_json = nullptr;
+    fq_const_request_reply_t* rr = fq_const_request_reply_new();
+    if (!rr) {
+        log_error("Failed to allocate %s", "request/reply");
+        return;
+    }
+    std::unique_ptr<fq_const_request_reply_t*, void (*)(fq_const_request_reply_t**)> rr_guard(
+        &rr, fq_const_request_reply_free_structs);
+
+    std::string request_text(static_cast<const char*>(msg_data), msg_data ? msg_len : 0);
+    std::string key;
+    std::unique_ptr<unsigned char, decltype(&free)> payload(nullptr, free);
+    size_t payload_len = 0;
+    bool payload_missing = false;
+
+    s_json_ptr obj(json_tokener_parse(request_text.c_str()));
+    json_object* key_obj = nullptr;
+    if (obj && json_object_is_type(obj.get(), json_type_object) &&
+        json_object_object_get_ex(obj.get(), "_kv_key", &key_obj)) {
+        const char* k = json_object_get_string(key_obj);
+        key = k ? k : "";
+        unsigned char* data = nullptr;
+        if (kvstore_get_chunked(config, key.c_str(), &data, &payload_len) == 0) {
+            payload.reset(data);
+        } else {
+            log_error("NATS: could not retrieve staged payload for key '%s' — failing the request closed (handler not "
+                      "invoked)",
+                      key.c_str());
+            payload_missing = true;
+        }
+        // Handlers never see the transport's member.
+        json_object_object_del(obj.get(), "_kv_key");
+        request_text = json_object_to_json_string_ext(obj.get(), JSON_C_TO_STRING_PLAIN);
+    }
+    obj.reset();
+
+    rr->request->json_txt = request_text.c_str();
+    if (!key.empty() || key_obj)
+        rr->request->staged_data_key = key.c_str();
+    rr->request->data = payload.get();
+    rr->request->data_len = payload ? payload_len : 0;
+
+    if (payload_missing) {
+        // An object that could not be read must never be answered as if it were clean.
+        fq_reply_set_ERROR(&rr->reply->json_txt, SERVICE_ERROR, s_payload_unavailable);
+    } else if (handler) {
+        handler(handler_config, rr);
+    }
+    *out_reply_json = rr->reply->json_txt;
+    rr->reply->json_txt = nullptr;
+}
+
+int fq_nats_start_js_work_consumer(fq_nats_config* config, const char* service,
+                                   fq_request_handler_f_t request_handler, void* request_handler_config,
+                                   volatile const sig_atomic_t* terminate, int number_of_threads,
+                                   sem_t* scan_slot_sem)
+{
+    (void)config;
+    (void)service;
+    (void)request_handler;
+    (void)request_handler_config;
+    (void)terminate;
+    (void)number_of_threads;
+    (void)scan_slot_sem;
+    log_error("NATS: JetStream work-queue ingress is not available in this build");
+    return -1;
+}
