@@ -1,18 +1,89 @@
+#include <json-c/json.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <memory>
+
 #include "fq_worker.h"
+#include "fq_worker_RecursiveScan.h"
+#include "fq_worker_scan_result.h"
+#include "fq_worker_scanobject.h"
 #include "fqhlp_replies.h"
 #include "log.h"
 
-// The scan pipeline is not part of this build yet. A scan must never be
-// answered as clean when it did not happen, so it fails with SERVICE_ERROR.
+namespace {
+
+struct s_result_deleter {
+    void operator()(fq_worker_scan_result_t* r) const { fq_worker_free_scan_result(&r); }
+};
+struct s_scanobject_deleter {
+    void operator()(fq_worker_scanobject_t* s) const { fq_worker_FreeScanObject(&s); }
+};
+
+}  // namespace
+
 int fq_worker_handle_scan_request(fq_worker_config_t* config, fq_const_request_reply_t* rr,
                                   json_object* request_json, fq_worker_thread_t* thread, bool clean)
 {
-    (void)config;
-    (void)request_json;
     (void)thread;
-    (void)clean;
-    log_error("Scanning is not available in this build");
-    if (rr && rr->reply && !rr->reply->json_txt)
-        fq_reply_set_ERROR(&rr->reply->json_txt, SERVICE_ERROR, "Scanning is not available in this build");
-    return SERVICE_ERROR;
+    (void)clean;  // cleaning reaches the services through Command and CUST_CLEAN of the forwarded job
+    char errormessage[1024] = "";
+    int rc = 0;
+    std::unique_ptr<fq_worker_scan_result_t, s_result_deleter> consolidated(fq_worker_new_scan_result());
+    std::unique_ptr<fq_worker_scanobject_t, s_scanobject_deleter> scanobject;
+    fq_message_t* reply = rr ? rr->reply : nullptr;
+
+    if (!consolidated) {
+        log_error("Failed to allocate %s", "consolidated_scanresult");
+        rc = SERVICE_ERROR;
+    } else if (!(consolidated->error = static_cast<char*>(calloc(1, 1024)))) {
+        log_error("Failed to allocate %s", "consolidated_scanresult->error");
+        rc = SERVICE_ERROR;
+    } else if (!config || !rr || !rr->request || !request_json) {
+        snprintf(errormessage, sizeof(errormessage), "Failed to get scan job details from MQ message");
+        log_error("%s", errormessage);
+        rc = SERVICE_ERROR;
+    } else if (!(scanobject.reset(fq_worker_GetScanJobDetails(request_json, errormessage)), scanobject)) {
+        snprintf(errormessage, sizeof(errormessage), "Failed to get scan job details from MQ message");
+        log_error("%s", errormessage);
+        rc = SERVICE_ERROR;
+    } else {
+        scanobject->worker_config = config;
+        scanobject->ScanBuffer = rr->request->data;
+        scanobject->recursion_level -= 1;
+        const uint64_t timeout_ms = static_cast<uint64_t>(static_cast<int64_t>(scanobject->ScanConfig->ScanTimeout));
+        rc = fqworker_RecursiveScan(scanobject->ObjectName, reinterpret_cast<const char*>(scanobject->ScanBuffer),
+                                    scanobject->ObjectLen, scanobject.get(), consolidated.get(), errormessage, nullptr,
+                                    config->UseSharedMemoryForRecursion, timeout_ms, rr->request->staged_data_key);
+        if (rc != 0) {
+            log_warn("Scan NOT OK: rc= %d", rc);
+            consolidated->rc = rc;
+            // The driver's own failures (time budget, missing bytes, encoding) add no file entry:
+            // their text must still reach the reply's Error.
+            if (rc <= SERVICE_ERROR || rc == -1) {
+                if (consolidated->error[0] == '\0' && errormessage[0] != '\0')
+                    snprintf(consolidated->error, 1024, "%s", errormessage);
+                if (consolidated->error[0] == '\0')
+                    snprintf(consolidated->error, 1024, "Scan failed with code %d", rc);
+                if (rc == -1)
+                    consolidated->rc = SERVICE_ERROR;
+            }
+        }
+        if (consolidated->rc == 0)
+            consolidated->rc = SCAN_RECURSIVE_OK;
+        if (fq_worker_create_scan_results_summary(consolidated.get()) != 0) {
+            log_error("Failed to create scan summary");
+            rc = SERVICE_ERROR;
+        }
+        if (reply)
+            reply->json_txt = fq_worker_create_scan_reply(consolidated.get());
+    }
+
+    if (reply && !reply->json_txt)
+        fq_reply_set_ERROR(&reply->json_txt, SERVICE_ERROR, errormessage);
+
+    // The quarantine hand-off joins here; until it does, a job asking for it is answered like one without.
+
+    return rc == SERVICE_ERROR ? SERVICE_ERROR : 0;
 }

@@ -127,3 +127,52 @@ TEST(WorkerOnBroker, TemporaryWorkerWithoutAnAnswerToReadyStopsWithMinusOne)
 
 }  // namespace
 
+namespace {
+
+TEST(WorkerOnBroker, ClientGetsTheConsolidatedVerdict)
+{
+    fqtest::WorkerEnv env;
+    ASSERT_TRUE(env.ok()) << env.error();
+    fqtest::Responder engine(env.peer, "fq-av-engine", [](const std::string& body) {
+        // The engine reads the job it is given and finds something in it.
+        const bool has_key = body.find("\"_kv_key\"") != std::string::npos;
+        return std::string(has_key ? "{\"ReturnCode\": -210, \"Blocking-reason\": \"Virus found\", \"FilesScanned\": 1, "
+                                     "\"Results\": [{\"ReturnCode\": -210, \"File-name\": \"eicar.com\", "
+                                     "\"File-size\": 68, \"Object-type\": -1, \"Virusname\": \"Eicar-Test-Signature\"}]}"
+                                   : "{\"ReturnCode\": -1000, \"Error\": \"no key\"}");
+    });
+    auto child = env.spawn_worker({"--console-mode", "--worker-threads", "2"});
+    ASSERT_TRUE(env.wait_ready()) << read_file(child.stderr_path);
+
+    fq_connection_config* client = env.server.make_config();
+    ASSERT_EQ(0, fq_connection_init(client));
+    const std::string bytes = "X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
+    char* key = nullptr;
+    char err[1024] = "";
+    ASSERT_EQ(0, fq_connection_stage_scan_data(client, bytes.data(), bytes.size(), 60000, &key, err)) << err;
+    const std::string job =
+        "{\"Command\": 101, \"ObjectName\": \"eicar.com\", \"ObjectLen\": " + std::to_string(bytes.size()) +
+        ", \"Services\": \"fq-av-engine\", \"shmID\": \"0xffffffff\", \"realmID\": \"r\", \"EventID\": \"e\", "
+        "\"Hostname\": \"client\", \"SID\": \"S\", \"HTMLDETECTION\": \"OFF\", \"Scan-Servers\": \"all\", "
+        "\"XML_MODE\": \"XML\", \"SVG_MODE\": \"SVG\", \"EVENT_ID_DELIMITER\": \"#\", \"SCANTIMEOUT\": 5000, "
+        "\"_kv_key\": \"" + std::string(key) + "\"}";
+    auto reply = env.request("fq-av-scanproxy", job, 10000);
+    fq_connection_unstage_scan_data(client, key);
+    free(key);
+    fq_connection_deinit(client);
+    fqtest::free_config(&client);
+
+    ASSERT_TRUE(reply.has_value());
+    json_object* r = json_tokener_parse(reply->c_str());
+    ASSERT_NE(nullptr, r) << *reply;
+    json_object* rc = nullptr;
+    json_object* reason = nullptr;
+    ASSERT_TRUE(json_object_object_get_ex(r, "ReturnCode", &rc));
+    EXPECT_EQ(-210, json_object_get_int(rc)) << *reply;
+    ASSERT_TRUE(json_object_object_get_ex(r, "Blocking-reason", &reason));
+    EXPECT_NE(std::string::npos, std::string(json_object_get_string(reason)).find("Eicar-Test-Signature"));
+    json_object_put(r);
+    fqtest::stop_process(child.pid);
+}
+
+}  // namespace

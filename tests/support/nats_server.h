@@ -15,6 +15,7 @@
 
 #include "fq_connection_client.h"
 #include "fq_provision.h"
+#include "stderr_capture.h"
 
 namespace fqtest {
 
@@ -106,21 +107,5 @@ bool wait_for(const std::function<bool()>& cond, std::chrono::milliseconds limit
 // Creates ca.pem, server.pem / server-key.pem (for localhost and 127.0.0.1) and other-ca.pem in dir.
 bool make_test_pki(const std::string& dir, std::string* error);
 
-// Sends what the process writes to stderr (the log's screen lines) into a file while it lives.
-class StderrCapture {
-public:
-    StderrCapture();
-    ~StderrCapture();
-    StderrCapture(const StderrCapture&) = delete;
-    StderrCapture& operator=(const StderrCapture&) = delete;
-    std::string text() const;
-    // Occurrences of needle in what was captured so far.
-    int count(const std::string& needle) const;
-    bool contains(const std::string& needle) const { return count(needle) > 0; }
-
-private:
-    std::string path_;
-    int saved_fd_ = -1;
-};
 
 }  // namespace fqtest

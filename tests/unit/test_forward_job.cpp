@@ -1,0 +1,521 @@
+#include <gtest/gtest.h>
+
+#include "stderr_capture.h"
+#include <json-c/json.h>
+
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "fq_request_reply_types.h"
+#include "fq_worker_forward_job.h"
+#include "fq_worker_scanobject.h"
+#include "log.h"
+
+namespace {
+
+// Members in an order unlike the forwarded one, with members that must not be carried over.
+const char* const kFullJob = R"({
+  "Unknown": "x",
+  "SCAN_EXTENSION_MAX_LEN": -3,
+  "SCAN_MAX_SIZE": 100000,
+  "SCAN_MIN_SIZE": "10",
+  "SCANEXTRACT_NO_VIRUSSCAN": 2,
+  "SCANEXTRACT_RATIO": 77,
+  "SCANEXTRACT_SIZE": 6000000000,
+  "SCANEXTRACT_MAX_FILES": 5000000000,
+  "SCANEXTRACT_DEPTH": 14,
+  "SCANEXTRACT": 13,
+  "SCANALLFILES": 1,
+  "SCANBESTEFFORT": 0,
+  "EVENT_ID_DELIMITER": "|",
+  "INCLUDE_EVENT_ID_IN_MESSAGE": 1,
+  "CLEANQUARANTINE": "fq-av-quarantine.k1:secret",
+  "LONGMIMETYPES": 28,
+  "SVG_MODE": "TEXT",
+  "XML_MODE": "XML",
+  "HTMLDETECTION": "Restrictive",
+  "SCANXMLCONTENT": 27,
+  "SCANUUENCODED": 26,
+  "SCANBASE64": 25,
+  "BLOCKHTML_IN_PDF": 24,
+  "BLOCKENCRYPTED": 23,
+  "BLOCKEXTENSIONS": "exe,com",
+  "SCANEXTENSIONS": "pdf",
+  "BLOCKMIMETYPES": "application/x-dosexec",
+  "SCANMIMETYPES": "application/pdf",
+  "CUST_CLEAN": 1,
+  "CUST_ACTIVE_CONTENT": 12,
+  "ENFORCE_MIME_EXTENSION_MATCH": 21,
+  "CUST_CHECK_MIME_TYPE": 11,
+  "ENFORCE_ACTIVECONTENT_POLICY_IN_ARCHIVES": 3,
+  "ENFORCE_MIME_POLICY_IN_ARCHIVES": 2,
+  "SCANBANDWIDTH": 31,
+  "SCANTIMEOUT": 30000,
+  "SCANALLEMBEDDED": 1,
+  "ObjectLen": 4,
+  "ObjectName": "client-name.pdf",
+  "shmID": "0x1f",
+  "Recursion": 2,
+  "Scan-Servers": "nats://10.0.0.1:4222",
+  "Services": "fq-av-mimescan;fq-av-scanproxy;fq-av-engine+",
+  "EventID": "ev-42",
+  "Hostname": "client.example.org",
+  "SID": "S01",
+  "realmID": "realm-1",
+  "Command": 102,
+  "PID": 77,
+  "TID": 78,
+  "REQUIRE_EXTENSION": 1,
+  "MIME-type": "text/plain",
+  "File-type": "ASCII text",
+  "Extension": "txt"
+})";
+
+const char* const kFullForwarded = R"({
+  "Command":102,
+  "realmID":"realm-1",
+  "SID":"S01",
+  "Hostname":"client.example.org",
+  "EventID":"ev-42",
+  "Services":"fq-av-mimescan;fq-av-scanproxy;fq-av-engine+",
+  "Scan-Servers":"nats:\/\/10.0.0.1:4222",
+  "Recursion":2,
+  "shmID":"0xffffffff",
+  "ObjectName":"dir\/invoice.pdf",
+  "ObjectLen":5000000000,
+  "SCANALLEMBEDDED":1,
+  "SCANTIMEOUT":30000,
+  "SCANBANDWIDTH":31,
+  "ENFORCE_MIME_POLICY_IN_ARCHIVES":2,
+  "ENFORCE_ACTIVECONTENT_POLICY_IN_ARCHIVES":3,
+  "CUST_CHECK_MIME_TYPE":11,
+  "ENFORCE_MIME_EXTENSION_MATCH":21,
+  "CUST_ACTIVE_CONTENT":12,
+  "CUST_CLEAN":1,
+  "SCANMIMETYPES":"application\/pdf",
+  "BLOCKMIMETYPES":"application\/x-dosexec",
+  "SCANEXTENSIONS":"pdf",
+  "BLOCKEXTENSIONS":"exe,com",
+  "BLOCKENCRYPTED":23,
+  "BLOCKHTML_IN_PDF":24,
+  "SCANBASE64":25,
+  "SCANUUENCODED":26,
+  "SCANXMLCONTENT":27,
+  "HTMLDETECTION":"Restrictive",
+  "XML_MODE":"XML",
+  "SVG_MODE":"TEXT",
+  "LONGMIMETYPES":28,
+  "CLEANQUARANTINE":"fq-av-quarantine.k1:secret",
+  "INCLUDE_EVENT_ID_IN_MESSAGE":1,
+  "EVENT_ID_DELIMITER":"|",
+  "SCANBESTEFFORT":0,
+  "SCANALLFILES":1,
+  "SCANEXTRACT":13,
+  "SCANEXTRACT_DEPTH":14,
+  "SCANEXTRACT_MAX_FILES":2147483647,
+  "SCANEXTRACT_SIZE":2147483647,
+  "SCANEXTRACT_RATIO":77,
+  "SCANEXTRACT_NO_VIRUSSCAN":2,
+  "SCAN_MIN_SIZE":10,
+  "SCAN_MAX_SIZE":100000,
+  "SCAN_EXTENSION_MAX_LEN":-3
+})";
+
+// What parsing and forwarding need, and nothing else.
+const char* const kSparseJob = R"({
+  "ObjectName": "a.txt", "Services": "fq-av-engine", "shmID": "1", "realmID": "r", "EventID": "e",
+  "Hostname": "h", "SID": "s", "HTMLDETECTION": "off", "Scan-Servers": "srv", "XML_MODE": "x",
+  "SVG_MODE": "v", "EVENT_ID_DELIMITER": ";"
+})";
+
+const char* const kSparseForwarded = R"({
+  "Command":0,
+  "realmID":"r",
+  "SID":"s",
+  "Hostname":"h",
+  "EventID":"e",
+  "Services":"fq-av-engine",
+  "Scan-Servers":"srv",
+  "Recursion":0,
+  "shmID":"0xffffffff",
+  "ObjectName":"a.txt",
+  "ObjectLen":0,
+  "SCANALLEMBEDDED":0,
+  "SCANTIMEOUT":0,
+  "SCANBANDWIDTH":0,
+  "ENFORCE_MIME_POLICY_IN_ARCHIVES":0,
+  "ENFORCE_ACTIVECONTENT_POLICY_IN_ARCHIVES":0,
+  "CUST_CHECK_MIME_TYPE":0,
+  "ENFORCE_MIME_EXTENSION_MATCH":0,
+  "CUST_ACTIVE_CONTENT":0,
+  "CUST_CLEAN":0,
+  "SCANMIMETYPES":"",
+  "BLOCKMIMETYPES":"",
+  "SCANEXTENSIONS":"",
+  "BLOCKEXTENSIONS":"",
+  "BLOCKENCRYPTED":0,
+  "BLOCKHTML_IN_PDF":0,
+  "SCANBASE64":0,
+  "SCANUUENCODED":0,
+  "SCANXMLCONTENT":0,
+  "HTMLDETECTION":"off",
+  "XML_MODE":"x",
+  "SVG_MODE":"v",
+  "LONGMIMETYPES":0,
+  "CLEANQUARANTINE":"",
+  "INCLUDE_EVENT_ID_IN_MESSAGE":0,
+  "EVENT_ID_DELIMITER":";",
+  "SCANBESTEFFORT":0,
+  "SCANALLFILES":0,
+  "SCANEXTRACT":0,
+  "SCANEXTRACT_DEPTH":0,
+  "SCANEXTRACT_MAX_FILES":0,
+  "SCANEXTRACT_SIZE":0,
+  "SCANEXTRACT_RATIO":0,
+  "SCANEXTRACT_NO_VIRUSSCAN":0,
+  "SCAN_MIN_SIZE":0,
+  "SCAN_MAX_SIZE":0
+})";
+
+const std::vector<std::string> kNumbers = {
+    "Command", "SCANALLEMBEDDED", "SCANTIMEOUT", "SCANBANDWIDTH", "ENFORCE_MIME_POLICY_IN_ARCHIVES",
+    "ENFORCE_ACTIVECONTENT_POLICY_IN_ARCHIVES", "CUST_CHECK_MIME_TYPE", "ENFORCE_MIME_EXTENSION_MATCH",
+    "CUST_ACTIVE_CONTENT", "CUST_CLEAN", "BLOCKENCRYPTED", "BLOCKHTML_IN_PDF", "SCANBASE64", "SCANUUENCODED",
+    "SCANXMLCONTENT", "LONGMIMETYPES", "INCLUDE_EVENT_ID_IN_MESSAGE", "SCANBESTEFFORT", "SCANALLFILES",
+    "SCANEXTRACT", "SCANEXTRACT_DEPTH", "SCANEXTRACT_MAX_FILES", "SCANEXTRACT_SIZE", "SCANEXTRACT_RATIO",
+    "SCANEXTRACT_NO_VIRUSSCAN", "SCAN_MIN_SIZE", "SCAN_MAX_SIZE"};
+
+struct JsonDeleter {
+    void operator()(json_object* o) const { json_object_put(o); }
+};
+using Json = std::unique_ptr<json_object, JsonDeleter>;
+
+struct ScanObjectDeleter {
+    void operator()(fq_worker_scanobject_t* p) const { fq_worker_FreeScanObject(&p); }
+};
+using ScanObject = std::unique_ptr<fq_worker_scanobject_t, ScanObjectDeleter>;
+
+void set(json_object* job, const std::string& key, const char* value_json)
+{
+    if (!value_json) {
+        json_object_object_del(job, key.c_str());
+        return;
+    }
+    json_object* v = json_tokener_parse(value_json);
+    ASSERT_TRUE(v || strcmp(value_json, "null") == 0) << value_json;
+    json_object_object_add(job, key.c_str(), v);
+}
+
+// A client's job, parsed and prepared the way request handling hands it to the driver.
+struct Job {
+    Json json;
+    ScanObject so;
+
+    explicit Job(const char* text) : json(json_tokener_parse(text))
+    {
+        EXPECT_NE(nullptr, json.get()) << text;
+    }
+    json_object* operator->() { return json.get(); }
+    void with(const std::string& key, const char* value_json) { set(json.get(), key, value_json); }
+    fq_worker_scanobject_t* parsed()
+    {
+        char err[1024] = "";
+        so.reset(fq_worker_GetScanJobDetails(json.get(), err));
+        EXPECT_NE(nullptr, so.get()) << err;
+        if (so)
+            so->recursion_level--;
+        return so.get();
+    }
+};
+
+struct Encoded {
+    int rc = 0;
+    Json json{json_object_new_object()};
+    std::string text;
+    std::string err;
+    bool text_set = false;
+};
+
+Encoded encode(const fq_worker_scanobject_t* so, const char* filename = "a.txt", size_t len = 0, int shmid = -1)
+{
+    Encoded e;
+    const char* txt = nullptr;
+    char err[1024] = "";
+    e.rc = fq_worker_encodescanjobtoJSON(e.json.get(), so, filename, len, &txt, shmid, err);
+    e.err = err;
+    e.text_set = txt != nullptr;
+    if (txt)
+        e.text = txt;
+    return e;
+}
+
+json_object* member(const Encoded& e, const char* key)
+{
+    json_object* v = nullptr;
+    return json_object_object_get_ex(e.json.get(), key, &v) ? v : nullptr;
+}
+
+
+
+TEST(ForwardJob, FullJobGivesTheWholeTextInItsOwnOrder)
+{
+    Job job(kFullJob);
+    fq_worker_scanobject_t* so = job.parsed();
+    ASSERT_NE(nullptr, so);
+    // The record kept its own readings; the forwarded job carries the client's values.
+    EXPECT_EQ(5u, so->SCAN_EXTENSION_MAX_LEN);
+    EXPECT_FALSE(so->SCANEXTRACT_NO_VIRUSSCAN);
+    const std::string before = json_object_to_json_string_ext(job.json.get(), JSON_C_TO_STRING_PLAIN);
+
+    Encoded e = encode(so, "dir/invoice.pdf", 5000000000ULL);
+    ASSERT_EQ(0, e.rc) << e.err;
+    EXPECT_EQ(kFullForwarded, e.text);
+    EXPECT_EQ(before, json_object_to_json_string_ext(job.json.get(), JSON_C_TO_STRING_PLAIN));
+}
+
+TEST(ForwardJob, AbsentMembersGoOutAsZeroOrEmptyWithoutTheRecordDefaults)
+{
+    Job job(kSparseJob);
+    fq_worker_scanobject_t* so = job.parsed();
+    ASSERT_NE(nullptr, so);
+    EXPECT_EQ(20, so->SCANEXTRACT_DEPTH);
+    EXPECT_EQ(1032, so->SCANEXTRACT_RATIO);
+
+    log_reset_start_state();
+    fqtest::StderrCapture cap;
+    Encoded e = encode(so);
+    const std::string log = cap.stop();
+    ASSERT_EQ(0, e.rc) << e.err;
+    EXPECT_EQ(kSparseForwarded, e.text);
+    for (const std::string& key : kNumbers)
+        EXPECT_NE(std::string::npos, log.find("(): Object " + key + " not found ")) << key;
+    EXPECT_EQ(std::string::npos, log.find("SCAN_EXTENSION_MAX_LEN"));
+    EXPECT_EQ(std::string::npos, log.find("CLEANQUARANTINE"));
+    EXPECT_EQ(std::string::npos, log.find("SCANMIMETYPES"));
+}
+
+TEST(ForwardJob, MandatoryForwardingMembersFailInTheirOrder)
+{
+    const std::vector<std::string> mandatory = {"realmID",       "SID",          "Hostname", "EventID",
+                                                "Services",      "Scan-Servers", "HTMLDETECTION",
+                                                "XML_MODE",      "SVG_MODE",     "EVENT_ID_DELIMITER"};
+    for (const std::string& key : mandatory) {
+        for (const char* value : {static_cast<const char*>(nullptr), "\"\"", "null"}) {
+            Job job(kFullJob);
+            fq_worker_scanobject_t* so = job.parsed();
+            ASSERT_NE(nullptr, so);
+            // Taken away after parsing, as a later reader of the job would see it.
+            job.with(key, value);
+            Encoded e = encode(so);
+            EXPECT_EQ(SERVICE_ERROR, e.rc) << key;
+            EXPECT_FALSE(e.text_set) << key;
+            const std::string want = value ? "Key " + key + " found, but value is empty"
+                                           : "Failed to read " + key + " from JSON";
+            EXPECT_EQ(want, e.err);
+            // What came before stays in the object; the failed member and the rest are not there.
+            EXPECT_NE(nullptr, member(e, "Command")) << key;
+            EXPECT_EQ(nullptr, member(e, key.c_str())) << key;
+            EXPECT_EQ(nullptr, member(e, "SCAN_MAX_SIZE")) << key;
+        }
+    }
+
+    // Two missing: the one added first is named.
+    const std::vector<std::string> late = {"Scan-Servers", "XML_MODE", "SVG_MODE", "EVENT_ID_DELIMITER"};
+    for (size_t i = 0; i < late.size(); ++i) {
+        for (size_t j = i + 1; j < late.size(); ++j) {
+            Job job(kFullJob);
+            job.with(late[j], "\"\"");
+            job.with(late[i], nullptr);
+            fq_worker_scanobject_t* so = job.parsed();
+            ASSERT_NE(nullptr, so) << "parsing does not look at " << late[i];
+            Encoded e = encode(so);
+            EXPECT_EQ(SERVICE_ERROR, e.rc);
+            EXPECT_EQ("Failed to read " + late[i] + " from JSON", e.err) << late[i] << " before " << late[j];
+        }
+    }
+}
+
+TEST(ForwardJob, NumbersSaturateToThirtyTwoBits)
+{
+    const struct {
+        const char* json;
+        int32_t want;
+    } cases[] = {
+        {"2147483647", INT32_MAX},
+        {"2147483648", INT32_MAX},
+        {"-2147483648", INT32_MIN},
+        {"-2147483649", INT32_MIN},
+        {"9223372036854775807", INT32_MAX},
+        {"18446744073709551615", INT32_MAX},
+        {"-9223372036854775808", INT32_MIN},
+        {"\"3000000000\"", INT32_MAX},
+        {"\"-3000000000\"", INT32_MIN},
+        {"1e20", INT32_MAX},
+        {"-1e20", INT32_MIN},
+        {"Infinity", INT32_MAX},
+        {"NaN", 0},
+        {"2.9", 2},
+        {"true", 1},
+        {"\"abc\"", 0},
+        {"[5]", 0},
+        {"null", 0},
+    };
+    for (const char* key : {"SCANEXTRACT_MAX_FILES", "SCANEXTRACT_SIZE", "SCAN_MIN_SIZE", "SCAN_MAX_SIZE",
+                            "SCANBANDWIDTH", "Command", "SCAN_EXTENSION_MAX_LEN"}) {
+        for (const auto& c : cases) {
+            Job job(kFullJob);
+            job.with(key, c.json);
+            fq_worker_scanobject_t* so = job.parsed();
+            ASSERT_NE(nullptr, so);
+            Encoded e = encode(so);
+            ASSERT_EQ(0, e.rc) << e.err;
+            json_object* v = member(e, key);
+            ASSERT_NE(nullptr, v) << key << "=" << c.json;
+            EXPECT_TRUE(json_object_is_type(v, json_type_int)) << key << "=" << c.json;
+            EXPECT_EQ(c.want, json_object_get_int64(v)) << key << "=" << c.json;
+        }
+    }
+}
+
+TEST(ForwardJob, WorkedOutMembers)
+{
+    // Whatever shmID the client sent, the driver's -1 goes out as all ones; other values as hex.
+    const struct {
+        int shmid;
+        const char* want;
+    } shm[] = {{-1, "0xffffffff"}, {0, "0x0"}, {255, "0xff"}, {INT32_MIN, "0x80000000"}, {-2, "0xfffffffe"}};
+    for (const auto& c : shm) {
+        Job job(kFullJob);
+        Encoded e = encode(job.parsed(), "n", 0, c.shmid);
+        ASSERT_EQ(0, e.rc);
+        EXPECT_STREQ(c.want, json_object_get_string(member(e, "shmID")));
+    }
+
+    // Recursion is the lowered level plus one: the client's value, or 0; the top value cannot wrap.
+    const struct {
+        const char* json;
+        int32_t want;
+    } rec[] = {{"0", 0}, {"1", 1}, {"21", 21}, {nullptr, 0}, {"2147483647", INT32_MAX}};
+    for (const auto& c : rec) {
+        Job job(kFullJob);
+        job.with("Recursion", c.json);
+        Encoded e = encode(job.parsed());
+        ASSERT_EQ(0, e.rc);
+        EXPECT_EQ(c.want, json_object_get_int(member(e, "Recursion"))) << (c.json ? c.json : "absent");
+    }
+    Job top(kFullJob);
+    fq_worker_scanobject_t* so = top.parsed();
+    so->recursion_level = INT32_MAX;
+    EXPECT_EQ(INT32_MAX, json_object_get_int(member(encode(so), "Recursion")));
+
+    // ObjectLen is an unsigned 64-bit number, whatever the size.
+    Job len(kFullJob);
+    Encoded big = encode(len.parsed(), "n", SIZE_MAX);
+    ASSERT_EQ(0, big.rc);
+    EXPECT_EQ(UINT64_MAX, json_object_get_uint64(member(big, "ObjectLen")));
+    EXPECT_NE(std::string::npos, big.text.find("\"ObjectLen\":18446744073709551615,"));
+
+    // A text member of another type goes out as its JSON text; a long one whole.
+    Job other(kFullJob);
+    other.with("HTMLDETECTION", "5");
+    other.with("XML_MODE", "{\"a\":1}");
+    const std::string longtext(100000, 'y');
+    json_object_object_add(other.json.get(), "BLOCKEXTENSIONS", json_object_new_string(longtext.c_str()));
+    Encoded e = encode(other.parsed());
+    ASSERT_EQ(0, e.rc);
+    EXPECT_STREQ("5", json_object_get_string(member(e, "HTMLDETECTION")));
+    EXPECT_STREQ("{ \"a\": 1 }", json_object_get_string(member(e, "XML_MODE")));
+    EXPECT_EQ(longtext, json_object_get_string(member(e, "BLOCKEXTENSIONS")));
+}
+
+TEST(ForwardJob, SilentTextsAndTheOptionalMember)
+{
+    Job job(kFullJob);
+    job.with("CLEANQUARANTINE", "null");
+    job.with("SCAN_EXTENSION_MAX_LEN", "0");
+    Encoded e = encode(job.parsed());
+    ASSERT_EQ(0, e.rc);
+    EXPECT_STREQ("", json_object_get_string(member(e, "CLEANQUARANTINE")));
+    ASSERT_NE(nullptr, member(e, "SCAN_EXTENSION_MAX_LEN"));
+    EXPECT_EQ(0, json_object_get_int(member(e, "SCAN_EXTENSION_MAX_LEN")));
+    // Present, even as null: the member goes out.
+    Job nulled(kFullJob);
+    nulled.with("SCAN_EXTENSION_MAX_LEN", "null");
+    Encoded n = encode(nulled.parsed());
+    ASSERT_NE(nullptr, member(n, "SCAN_EXTENSION_MAX_LEN"));
+    EXPECT_EQ(47u, static_cast<size_t>(json_object_object_length(n.json.get())));
+
+    Job absent(kFullJob);
+    absent.with("SCAN_EXTENSION_MAX_LEN", nullptr);
+    Encoded a = encode(absent.parsed());
+    ASSERT_EQ(0, a.rc);
+    EXPECT_EQ(nullptr, member(a, "SCAN_EXTENSION_MAX_LEN"));
+    EXPECT_EQ(46u, static_cast<size_t>(json_object_object_length(a.json.get())));
+}
+
+TEST(ForwardJob, BadArgumentsFailClosed)
+{
+    Job job(kFullJob);
+    fq_worker_scanobject_t* so = job.parsed();
+    ASSERT_NE(nullptr, so);
+    const char* txt = "unchanged";
+    char err[1024] = "";
+    Json obj(json_object_new_object());
+    EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(nullptr, so, "n", 1, &txt, -1, err));
+    EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), nullptr, "n", 1, &txt, -1, err));
+    EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), so, nullptr, 1, &txt, -1, err));
+    EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), so, "n", 1, nullptr, -1, nullptr));
+    Json array(json_object_new_array());
+    EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(array.get(), so, "n", 1, &txt, -1, err));
+    json_object* kept = so->scanjob_json;
+    so->scanjob_json = nullptr;
+    EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), so, "n", 1, &txt, -1, err));
+    so->scanjob_json = kept;
+    EXPECT_STREQ("unchanged", txt);
+    EXPECT_STRNE("", err);
+    EXPECT_EQ(0, json_object_object_length(obj.get()));
+}
+
+TEST(ForwardJobMime, MembersAreAddedAtTheEndAndTheTextIsRewritten)
+{
+    Job job(kSparseJob);
+    Encoded e = encode(job.parsed());
+    ASSERT_EQ(0, e.rc);
+    EXPECT_EQ(nullptr, member(e, "MIME-type"));
+
+    const char* txt = nullptr;
+    char err[1024] = "";
+    ASSERT_EQ(0, fq_worker_add_mime_to_scanjob(e.json.get(), "application/pdf", "binary", "PDF document", "pdf", &txt,
+                                               err));
+    std::string want = kSparseForwarded;
+    want.erase(want.rfind('\n'));
+    want += ",\n  \"MIME-type\":\"application\\/pdf\",\n  \"MIME-encoding\":\"binary\",\n"
+            "  \"File-type\":\"PDF document\",\n  \"Extension\":\"pdf\"\n}";
+    ASSERT_NE(nullptr, txt);
+    EXPECT_EQ(want, txt);
+
+    // A second MIME service replaces the members in place; null texts go out empty.
+    ASSERT_EQ(0, fq_worker_add_mime_to_scanjob(e.json.get(), "text/plain", nullptr, "ASCII text", nullptr, &txt, err));
+    EXPECT_EQ(50, json_object_object_length(e.json.get()));
+    std::string again = kSparseForwarded;
+    again.erase(again.rfind('\n'));
+    again += ",\n  \"MIME-type\":\"text\\/plain\",\n  \"MIME-encoding\":\"\",\n"
+             "  \"File-type\":\"ASCII text\",\n  \"Extension\":\"\"\n}";
+    EXPECT_EQ(again, txt);
+
+    txt = "unchanged";
+    EXPECT_EQ(SERVICE_ERROR, fq_worker_add_mime_to_scanjob(nullptr, "a", "b", "c", "d", &txt, err));
+    EXPECT_STREQ("Failed to update scan request with MIME-scan results", err);
+    EXPECT_STREQ("unchanged", txt);
+}
+
+}  // namespace
