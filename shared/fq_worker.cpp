@@ -11,7 +11,9 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "fqerror.h"
 #include "fq_worker_ping.h"
@@ -622,6 +624,12 @@ int fq_worker_create_thread(zlist_t* worker_threads_list, fq_thread_global_param
         log_error("Failed to add thread info to the list");
         return -1;
     }
+    // Detached threads read their record until the process ends, long after the list is gone.
+    // Never destroyed, so the records stay reachable through exit.
+    static std::mutex s_records_mu;
+    static auto* s_records = new std::vector<fq_worker_thread_t*>();
+    std::lock_guard<std::mutex> lock(s_records_mu);
+    s_records->push_back(record);
     return 0;
 }
 
@@ -861,10 +869,10 @@ void s_stop(s_process_t& p)
         free(p.update->update_deployed_to);
     free(p.update);
     free(p.load_samples);
-    free(p.thread_global_params);
     p.update = nullptr;
     p.load_samples = nullptr;
-    p.thread_global_params = nullptr;
+    // The global parameters stay: they are the context of the detached control and worker
+    // threads, which may still be finishing a request when the process gets here.
     log_info("Ending worker with rc=%d", p.rc);
 }
 
@@ -1060,7 +1068,8 @@ bool s_start_services(s_process_t& p)
 
 int fq_worker_main(int argc, char** argv)
 {
-    s_process_t p;
+    // Static: the records live to the end of the process, after main has returned too.
+    static s_process_t p;
     s_close_all_fds();
 
     fq__progname = argv[0];
