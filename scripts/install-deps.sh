@@ -9,7 +9,7 @@ PACKAGES=(
   libczmq-dev libjson-c-dev libsodium-dev libcurl4-openssl-dev libarchive-dev
   uuid-dev libssl-dev libjemalloc-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  openssl unzip procps
+  openssl unzip zip procps
   libmagic-dev libclamav-dev
 )
 

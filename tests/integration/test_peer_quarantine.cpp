@@ -1,0 +1,370 @@
+// The secret-box unit both sides of an encrypted quarantine hand-off rely on, and
+// tools/fq-av-quarantine as a real process storing plain and encrypted objects.
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+#include <sodium.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fq_connection_client.h"
+#include "fq_secretbox_encryption.h"
+#include "fq_worker_ping.h"
+#include "nats_server.h"
+#include "process_util.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string kQuarantine = std::string(FQ_BUILD_DIR) + "/fq-av-quarantine";
+// The salt every quarantine service must use; crypto_pwhash reads its first 16 bytes.
+const char kSaltHex[] = "2fd63d8b986bca084f144775ce3f68719b053297967beb6b02d6159e0d85d200";
+
+std::vector<unsigned char> from_hex(const std::string& hex)
+{
+    std::vector<unsigned char> out(hex.size() / 2);
+    size_t len = 0;
+    sodium_hex2bin(out.data(), out.size(), hex.c_str(), hex.size(), nullptr, &len, nullptr);
+    out.resize(len);
+    return out;
+}
+
+struct KeyGuard {
+    fq_secretbox_key_t* k;
+    ~KeyGuard() { fq_secretbox_free_key(k); }
+};
+
+TEST(PeerSecretbox, KeyIsArgon2idOfThePassPhraseWithTheDocumentedSaltAndWorkFactors)
+{
+    ASSERT_GE(sodium_init(), 0);
+    const std::vector<unsigned char> salt = from_hex(kSaltHex);
+    ASSERT_EQ(salt.size(), 32u);
+    for (const char* pass : {"correct horse battery staple", ""}) {
+        unsigned char expected[32];
+        ASSERT_EQ(crypto_pwhash(expected, sizeof(expected), pass, strlen(pass), salt.data(), 2, 67108864,
+                                crypto_pwhash_ALG_ARGON2ID13),
+                  0);
+        unsigned char* key = fq_secretbox_derive_key(pass);
+        ASSERT_NE(key, nullptr) << pass;
+        EXPECT_EQ(sodium_memcmp(key, expected, sizeof(expected)), 0) << "pass phrase '" << pass << "'";
+        free(key);
+    }
+    unsigned char* a = fq_secretbox_derive_key("one");
+    unsigned char* b = fq_secretbox_derive_key("two");
+    ASSERT_TRUE(a && b);
+    EXPECT_NE(sodium_memcmp(a, b, 32), 0);
+    free(a);
+    free(b);
+}
+
+TEST(PeerSecretbox, EachEncryptionStepsTheNonceByOneAndOpensWithIt)
+{
+    KeyGuard g{fq_secretbox_generate_key("pass")};
+    ASSERT_NE(g.k, nullptr);
+    std::vector<unsigned char> start(g.k->nonce, g.k->nonce + 24);
+    EXPECT_EQ(std::string(g.k->nonce_hex).size(), 48u);
+
+    std::string plain = "an infected object";
+    std::set<std::string> nonces;
+    for (int i = 1; i <= 3; ++i) {
+        unsigned char* out = nullptr;
+        size_t out_len = 0;
+        ASSERT_EQ(fq_secretbox_encrypt_buffer(reinterpret_cast<unsigned char*>(plain.data()), plain.size(), g.k, &out,
+                                              &out_len),
+                  0);
+        ASSERT_EQ(out_len, plain.size() + 16);
+        // The running nonce is the random start plus i, little-endian.
+        std::vector<unsigned char> want = start;
+        for (int n = 0; n < i; ++n)
+            sodium_increment(want.data(), want.size());
+        const std::vector<unsigned char> used = from_hex(g.k->nonce_hex);
+        EXPECT_EQ(used, want);
+        nonces.insert(g.k->nonce_hex);
+
+        std::string opened(plain.size(), '\0');
+        EXPECT_EQ(crypto_secretbox_open_easy(reinterpret_cast<unsigned char*>(opened.data()), out, out_len,
+                                             used.data(), g.k->encryption_key),
+                  0);
+        EXPECT_EQ(opened, plain);
+        free(out);
+    }
+    EXPECT_EQ(nonces.size(), 3u);
+
+    unsigned char* out = reinterpret_cast<unsigned char*>(1);
+    size_t out_len = 7;
+    const std::string before = g.k->nonce_hex;
+    EXPECT_EQ(fq_secretbox_encrypt_buffer(reinterpret_cast<unsigned char*>(plain.data()), 0, g.k, &out, &out_len), -1);
+    EXPECT_EQ(fq_secretbox_encrypt_buffer(nullptr, 5, g.k, &out, &out_len), -1);
+    EXPECT_EQ(fq_secretbox_encrypt_buffer(reinterpret_cast<unsigned char*>(plain.data()), plain.size(), nullptr, &out,
+                                          &out_len),
+              -1);
+    EXPECT_EQ(before, g.k->nonce_hex) << "a refused call uses up no nonce";
+    fq_secretbox_free_key(nullptr);
+}
+
+class PeerQuarantine : public ::testing::Test {
+protected:
+    static inline fqtest::NatsServer* server = nullptr;
+    static inline fq_connection_config* cfg = nullptr;
+    static inline fqtest::TempDir* dir = nullptr;
+    static inline fqtest::Child child;
+    static inline const char* kPass = "open: sesame";
+
+    static std::string store() { return dir->path() + "/store"; }
+
+    static void SetUpTestSuite()
+    {
+        server = new fqtest::NatsServer();
+        std::string err;
+        ASSERT_TRUE(server->start(&err)) << err;
+        ASSERT_TRUE(server->provision(nullptr, nullptr, &err)) << err;
+        cfg = server->make_config();
+        ASSERT_EQ(fq_connection_init(cfg), 0);
+        dir = new fqtest::TempDir();
+        // The pass phrase from a file, as an operator would keep it out of the process list.
+        fqtest::write_file(dir->path() + "/pass", std::string(kPass) + "\n");
+        child = fqtest::spawn({kQuarantine, "--broker", server->url(), "--key", "vault1", "--directory", store(),
+                               "--passphrase", "an older phrase", "--passphrase-file", dir->path() + "/pass"},
+                              dir->path());
+        ASSERT_TRUE(ready("fq-av-quarantine.vault1")) << fqtest::read_file(child.stderr_path);
+    }
+    static void TearDownTestSuite()
+    {
+        if (child.pid > 0)
+            fqtest::stop_process(child.pid);
+        fq_connection_deinit(cfg);
+        fqtest::free_config(&cfg);
+        delete dir;
+        delete server;
+    }
+
+    static bool ready(const std::string& subject)
+    {
+        return fqtest::wait_for(
+            [&] {
+                return fq_connection_simple_request(cfg, subject.c_str(), "{\"Command\": 3}", 200, 0, nullptr) == 0;
+            },
+            15s);
+    }
+
+    static std::string request_text(const std::string& name, size_t object_len, const std::string& nonce = "")
+    {
+        std::string r = "{\"Command\": 600, \"ObjectName\": \"" + name + "\", \"ObjectLen\": " +
+                        std::to_string(object_len) +
+                        ", \"realmID\": \"realm-7\", \"SID\": \"PRD\", \"Hostname\": \"client.example\", "
+                        "\"PID\": 4242, \"TID\": 17, \"EventID\": \"ev-99\", "
+                        "\"ResultDescription\": \"Eicar-Test-Signature\"";
+        if (!nonce.empty())
+            r += ", \"Nonce\": \"" + nonce + "\"";
+        return r + "}";
+    }
+
+    // The hand-off as the worker makes it: the payload staged, the request on the key's subject.
+    static json_object* hand_over(const std::string& subject, const std::string& text, const std::string& payload)
+    {
+        fq_const_request_reply_t* rr = fq_const_request_reply_new();
+        rr->request->json_txt = text.c_str();
+        rr->request->data = reinterpret_cast<const unsigned char*>(payload.data());
+        rr->request->data_len = payload.size();
+        json_object* reply = fq_connection_send_recv_json_data(cfg, subject.c_str(), rr, 10000, 0, 0, nullptr);
+        fq_const_request_reply_free_structs(&rr);
+        return reply;
+    }
+
+    // What the worker sends for an encrypted object: the sealed bytes and the nonce they used.
+    struct Sealed {
+        std::string cipher;
+        std::string nonce;
+    };
+    static Sealed seal(fq_secretbox_key_t* key, const std::string& plain)
+    {
+        unsigned char* out = nullptr;
+        size_t out_len = 0;
+        std::string copy = plain;
+        if (fq_secretbox_encrypt_buffer(reinterpret_cast<unsigned char*>(copy.data()), copy.size(), key, &out,
+                                        &out_len) != 0)
+            return {};
+        Sealed sealed{std::string(reinterpret_cast<char*>(out), out_len), key->nonce_hex};
+        free(out);
+        return sealed;
+    }
+
+    static int rc_of(json_object* reply)
+    {
+        json_object* v = nullptr;
+        return reply && json_object_object_get_ex(reply, "ReturnCode", &v) ? json_object_get_int(v) : 12345;
+    }
+    static std::string text_of(json_object* reply, const char* key)
+    {
+        json_object* v = nullptr;
+        return reply && json_object_object_get_ex(reply, key, &v) ? json_object_get_string(v) : "";
+    }
+    static std::set<std::string> files()
+    {
+        std::set<std::string> names;
+        for (const auto& e : std::filesystem::directory_iterator(store()))
+            names.insert(e.path().filename().string());
+        return names;
+    }
+};
+
+TEST_F(PeerQuarantine, PlainObjectIsStoredWithItsMetadata)
+{
+    const std::string object = std::string("X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR") + std::string(3, '\0') + "tail";
+    json_object* reply = hand_over("fq-av-quarantine.vault1", request_text("in/box/eicar.com", object.size()), object);
+    ASSERT_NE(reply, nullptr);
+    EXPECT_EQ(rc_of(reply), 0) << text_of(reply, "Error");
+    const std::string stored = text_of(reply, "QuarantineFilename");
+    json_object_put(reply);
+    ASSERT_FALSE(stored.empty());
+    ASSERT_EQ(stored.find('/'), std::string::npos) << "a name inside the store, never the client's path";
+
+    EXPECT_EQ(fqtest::read_file(store() + "/" + stored), object);
+    struct stat st;
+    ASSERT_EQ(stat((store() + "/" + stored).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    const std::string meta_path = store() + "/" + stored.substr(0, stored.size() - 4) + ".json";
+    json_object* meta = json_tokener_parse(fqtest::read_file(meta_path).c_str());
+    ASSERT_NE(meta, nullptr) << meta_path;
+    EXPECT_EQ(text_of(meta, "ObjectName"), "in/box/eicar.com");
+    EXPECT_EQ(text_of(meta, "ObjectLen"), std::to_string(object.size()));
+    EXPECT_EQ(text_of(meta, "realmID"), "realm-7");
+    EXPECT_EQ(text_of(meta, "EventID"), "ev-99");
+    EXPECT_EQ(text_of(meta, "ResultDescription"), "Eicar-Test-Signature");
+    EXPECT_EQ(text_of(meta, "PID"), "4242");
+    EXPECT_EQ(text_of(meta, "QuarantineFilename"), stored);
+    EXPECT_EQ(text_of(meta, "Encrypted"), "false");
+    EXPECT_EQ(text_of(meta, "StoredSize"), std::to_string(object.size()));
+    unsigned char digest[crypto_hash_sha256_BYTES];
+    crypto_hash_sha256(digest, reinterpret_cast<const unsigned char*>(object.data()), object.size());
+    char hex[2 * crypto_hash_sha256_BYTES + 1];
+    sodium_bin2hex(hex, sizeof(hex), digest, sizeof(digest));
+    EXPECT_EQ(text_of(meta, "SHA256"), hex);
+    EXPECT_FALSE(json_object_object_get_ex(meta, "Command", nullptr));
+    json_object_put(meta);
+
+    // An empty object has nothing staged and is stored all the same.
+    reply = hand_over("fq-av-quarantine.vault1", request_text("empty.txt", 0), "");
+    EXPECT_EQ(rc_of(reply), 0) << text_of(reply, "Error");
+    const std::string empty = text_of(reply, "QuarantineFilename");
+    json_object_put(reply);
+    ASSERT_FALSE(empty.empty());
+    ASSERT_EQ(stat((store() + "/" + empty).c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 0);
+}
+
+TEST_F(PeerQuarantine, EncryptedObjectsAreDecryptedBackToTheOriginalBytes)
+{
+    KeyGuard g{fq_secretbox_generate_key(kPass)};
+    ASSERT_NE(g.k, nullptr);
+    // Two objects under one key, as the worker's key cache sends them: the nonce runs on.
+    for (const std::string& object : {std::string("MZ\x90\x00 first payload", 18), std::string(300000, '\xA5')}) {
+        const Sealed sealed = seal(g.k, object);
+        ASSERT_EQ(sealed.cipher.size(), object.size() + 16);
+        const std::string text = request_text("sample.exe", object.size(), sealed.nonce);
+        json_object* reply = hand_over("fq-av-quarantine.vault1", text, sealed.cipher);
+        ASSERT_NE(reply, nullptr);
+        EXPECT_EQ(rc_of(reply), 0) << text_of(reply, "Error");
+        const std::string stored = text_of(reply, "QuarantineFilename");
+        json_object_put(reply);
+        ASSERT_FALSE(stored.empty());
+        EXPECT_EQ(fqtest::read_file(store() + "/" + stored), object);
+        const std::string meta_path = store() + "/" + stored.substr(0, stored.size() - 4) + ".json";
+        json_object* meta = json_tokener_parse(fqtest::read_file(meta_path).c_str());
+        EXPECT_EQ(text_of(meta, "Encrypted"), "true");
+        EXPECT_EQ(text_of(meta, "Nonce"), sealed.nonce);
+        json_object_put(meta);
+    }
+    // Any of the configured pass phrases opens an object.
+    KeyGuard older{fq_secretbox_generate_key("an older phrase")};
+    ASSERT_NE(older.k, nullptr);
+    const std::string object = "sealed under the old phrase";
+    const Sealed old = seal(older.k, object);
+    json_object* reply =
+        hand_over("fq-av-quarantine.vault1", request_text("old.bin", object.size(), old.nonce), old.cipher);
+    EXPECT_EQ(rc_of(reply), 0) << text_of(reply, "Error");
+    EXPECT_EQ(fqtest::read_file(store() + "/" + text_of(reply, "QuarantineFilename")), object);
+    json_object_put(reply);
+}
+
+TEST_F(PeerQuarantine, WhatCannotBeDecryptedOrDoesNotAddUpIsRefusedAndNothingIsStored)
+{
+    KeyGuard wrong{fq_secretbox_generate_key("not the phrase")};
+    KeyGuard right{fq_secretbox_generate_key(kPass)};
+    ASSERT_TRUE(wrong.k && right.k);
+    const std::string object = "payload that must not land as garbage";
+    const std::set<std::string> before = files();
+
+    auto refused = [&](const std::string& text, const std::string& payload, const char* error_part) {
+        json_object* reply = hand_over("fq-av-quarantine.vault1", text, payload);
+        EXPECT_EQ(rc_of(reply), -1000) << text;
+        const std::string error = text_of(reply, "Error");
+        EXPECT_NE(error.find(error_part), std::string::npos) << error;
+        EXPECT_TRUE(text_of(reply, "QuarantineFilename").empty());
+        json_object_put(reply);
+    };
+    const Sealed foreign = seal(wrong.k, object);
+    refused(request_text("a.bin", object.size(), foreign.nonce), foreign.cipher, "wrong pass phrase");
+
+    Sealed tampered = seal(right.k, object);
+    tampered.cipher[20] ^= 0x01;
+    refused(request_text("b.bin", object.size(), tampered.nonce), tampered.cipher, "wrong pass phrase or damaged");
+
+    const Sealed good = seal(right.k, object);
+    std::string other_nonce = good.nonce;
+    other_nonce[47] = other_nonce[47] == '0' ? '1' : '0';
+    refused(request_text("c.bin", object.size(), other_nonce), good.cipher, "damaged");
+    refused(request_text("d.bin", object.size(), "abc"), good.cipher, "Nonce");
+    refused(request_text("e.bin", object.size() + 1, good.nonce), good.cipher, "ObjectLen");
+    refused(request_text("f.bin", object.size() + 1), object, "ObjectLen");
+    refused("{\"Command\": 600, \"ObjectLen\": 3}", "abc", "ObjectName");
+    refused("{\"Command\": 600, \"ObjectName\": \"nothing-staged\", \"ObjectLen\": 3}", "", "No object data");
+    refused("{\"Command\": 101, \"ObjectName\": \"n\", \"ObjectLen\": 3}", "abc", "Unsupported command");
+
+    EXPECT_EQ(files(), before) << "no file may appear for a refused object, not even a temporary one";
+}
+
+TEST_F(PeerQuarantine, AnswersTheWorkersPingOnItsKeysSubjectOnly)
+{
+    // The worker's check before a hand-off: two tries of 100 ms.
+    EXPECT_EQ(fq_worker_ping(cfg, const_cast<char*>("fq-av-quarantine.vault1"), false, 2, 100, 100), 0);
+    EXPECT_EQ(fq_connection_simple_request(cfg, "fq-av-quarantine.vault1", "{ \"Command\" : 3 }", 2000, 0, nullptr), 0);
+    EXPECT_EQ(fq_worker_ping(cfg, const_cast<char*>("fq-av-quarantine.vault2"), false, 2, 100, 100), -1);
+}
+
+TEST_F(PeerQuarantine, WithoutAPassPhraseOnlyPlainObjectsAreTaken)
+{
+    fqtest::TempDir other;
+    fqtest::Child plain_only = fqtest::spawn(
+        {kQuarantine, "--broker", server->url(), "--key", "plain.only", "--directory", other.path(), "-t", "1"},
+        other.path());
+    ASSERT_TRUE(ready("fq-av-quarantine.plain.only")) << fqtest::read_file(plain_only.stderr_path);
+
+    KeyGuard g{fq_secretbox_generate_key(kPass)};
+    ASSERT_NE(g.k, nullptr);
+    const std::string object = "secret stuff";
+    const Sealed sealed = seal(g.k, object);
+    json_object* reply =
+        hand_over("fq-av-quarantine.plain.only", request_text("s.bin", object.size(), sealed.nonce), sealed.cipher);
+    EXPECT_EQ(rc_of(reply), -1000);
+    EXPECT_NE(text_of(reply, "Error").find("no pass phrase"), std::string::npos) << text_of(reply, "Error");
+    json_object_put(reply);
+
+    reply = hand_over("fq-av-quarantine.plain.only", request_text("p.bin", object.size()), object);
+    EXPECT_EQ(rc_of(reply), 0) << text_of(reply, "Error");
+    EXPECT_EQ(fqtest::read_file(other.path() + "/" + text_of(reply, "QuarantineFilename")), object);
+    json_object_put(reply);
+
+    ASSERT_EQ(kill(plain_only.pid, SIGTERM), 0);
+    int status = -1;
+    ASSERT_TRUE(fqtest::wait_exit(plain_only.pid, 5s, &status));
+    EXPECT_EQ(status, 0);
+}
+
+}  // namespace

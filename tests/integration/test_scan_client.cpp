@@ -1,0 +1,386 @@
+// fq-av-scan against the real worker on a real broker, with in-test scan services.
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+#include <nats/nats.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "worker_fixture.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kScan = FQ_BUILD_DIR "/fq-av-scan";
+
+struct Json {
+    json_object* obj = nullptr;
+    explicit Json(const std::string& text) : obj(json_tokener_parse(text.c_str())) {}
+    ~Json() { json_object_put(obj); }
+    Json(const Json&) = delete;
+    Json& operator=(const Json&) = delete;
+    json_object* get(const char* key) const
+    {
+        json_object* v = nullptr;
+        return obj && json_object_object_get_ex(obj, key, &v) ? v : nullptr;
+    }
+    std::string text(const char* key) const
+    {
+        json_object* v = get(key);
+        return v ? json_object_get_string(v) : "";
+    }
+    int64_t num(const char* key) const
+    {
+        json_object* v = get(key);
+        return v ? json_object_get_int64(v) : -99999;
+    }
+};
+
+std::string s_entry(const std::string& name, int rc, const std::string& virus = "")
+{
+    std::string e = "{\"ReturnCode\": " + std::to_string(rc) + ", \"File-name\": \"" + name +
+                    "\", \"File-size\": 11, \"Object-type\": -1, \"MIME-type\": \"text/plain\"";
+    if (!virus.empty())
+        e += ", \"Virusname\": \"" + virus + "\"";
+    return e + "}";
+}
+
+std::string s_reply(int rc, const std::vector<std::string>& entries)
+{
+    std::string r = "{\"ReturnCode\": " + std::to_string(rc) + ", \"FilesScanned\": " + std::to_string(entries.size()) +
+                    ", \"Results\": [";
+    for (size_t i = 0; i < entries.size(); ++i)
+        r += (i ? ", " : "") + entries[i];
+    return r + "]}";
+}
+
+// A scan service that finds "Test.Virus" in objects whose name begins with "bad", fails on
+// those beginning with "broken", and passes everything else.
+fqtest::Responder::Fn s_engine()
+{
+    return [](const std::string& body) -> std::optional<std::string> {
+        Json job(body);
+        const std::string name = job.text("ObjectName");
+        if (name.rfind("bad", 0) == 0)
+            return s_reply(-210, {s_entry(name, -210, "Test.Virus"), s_entry(name + "/inner.exe", -210, "Test.Virus")});
+        if (name.rfind("broken", 0) == 0)
+            return std::string("{\"ReturnCode\": -1000, \"Error\": \"engine down\"}");
+        return s_reply(0, {s_entry(name, 0)});
+    };
+}
+
+struct ScanRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+class ScanClient : public ::testing::Test {
+protected:
+    static inline fqtest::WorkerEnv* env = nullptr;
+    static inline fqtest::Child worker;
+
+    static void SetUpTestSuite()
+    {
+        env = new fqtest::WorkerEnv();
+        ASSERT_TRUE(env->ok()) << env->error();
+        std::string err;
+        // A work queue for the worker, which it does not pull from: --js must time out cleanly.
+        ASSERT_TRUE(env->server.provision(nullptr, "fq-av-scanproxy", &err)) << err;
+        worker = env->spawn_worker({"--console-mode", "--worker-threads", "4"});
+        ASSERT_TRUE(env->wait_ready()) << fqtest::read_file(worker.stderr_path);
+    }
+
+    static void TearDownTestSuite()
+    {
+        if (worker.pid > 0)
+            fqtest::stop_process(worker.pid);
+        delete env;
+        env = nullptr;
+    }
+
+    void TearDown() override
+    {
+        // Whatever a run staged, it removed again.
+        EXPECT_EQ(std::vector<std::string>{}, staged_keys());
+    }
+
+    ScanRun scan(std::vector<std::string> args)
+    {
+        std::vector<std::string> argv = {kScan, "--broker", env->server.url(), "--no-summary"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return run(argv);
+    }
+
+    ScanRun run(const std::vector<std::string>& argv)
+    {
+        ScanRun r;
+        auto child = fqtest::spawn(argv, files.path());
+        int status = -1;
+        if (!fqtest::wait_exit(child.pid, 60s, &status)) {
+            fqtest::stop_process(child.pid);
+            ADD_FAILURE() << "fq-av-scan did not finish";
+        }
+        r.status = status;
+        r.out = fqtest::read_file(child.stdout_path);
+        r.err = fqtest::read_file(child.stderr_path);
+        return r;
+    }
+
+    std::string file(const std::string& rel, const std::string& content)
+    {
+        const std::string path = files / rel;
+        for (size_t p = path.find('/', files.path().size() + 1); p != std::string::npos; p = path.find('/', p + 1))
+            mkdir(path.substr(0, p).c_str(), 0755);
+        fqtest::write_file(path, content);
+        return path;
+    }
+
+    static std::vector<std::string> staged_keys()
+    {
+        std::vector<std::string> keys;
+        jsCtx* js = nullptr;
+        kvStore* kv = nullptr;
+        kvKeysList list{};
+        if (natsConnection_JetStream(&js, env->peer, nullptr) == NATS_OK &&
+            js_KeyValue(&kv, js, "fq-av-scan-data") == NATS_OK && kvStore_Keys(&list, kv, nullptr) == NATS_OK) {
+            for (int i = 0; i < list.Count; ++i)
+                keys.emplace_back(list.Keys[i]);
+            kvKeysList_Destroy(&list);
+        }
+        kvStore_Destroy(kv);
+        jsCtx_Destroy(js);
+        return keys;
+    }
+
+    static uint64_t stream_messages(const char* stream)
+    {
+        jsCtx* js = nullptr;
+        jsStreamInfo* si = nullptr;
+        uint64_t n = UINT64_MAX;
+        if (natsConnection_JetStream(&js, env->peer, nullptr) == NATS_OK &&
+            js_GetStreamInfo(&si, js, stream, nullptr, nullptr) == NATS_OK)
+            n = si->State.Msgs;
+        jsStreamInfo_Destroy(si);
+        jsCtx_Destroy(js);
+        return n;
+    }
+
+    fqtest::TempDir files;
+};
+
+TEST_F(ScanClient, CleanFileIsOkAndTheJobCarriesTheDefaults)
+{
+    fqtest::Responder engine(env->peer, "fq-av-tc-clean", s_engine());
+    const std::string path = file("report.txt", "hello world");
+    ScanRun r = scan({"--services", "fq-av-tc-clean", path});
+    EXPECT_EQ(0, r.status) << r.out << r.err;
+    EXPECT_EQ(path + ": OK\n", r.out);
+
+    ASSERT_EQ(1, engine.count());
+    Json job(engine.bodies()[0]);
+    EXPECT_EQ("report.txt", job.text("ObjectName"));
+    EXPECT_EQ(11, job.num("ObjectLen"));
+    EXPECT_EQ(101, job.num("Command"));
+    EXPECT_EQ(30000, job.num("SCANTIMEOUT"));
+    EXPECT_EQ(1, job.num("SCANEXTRACT"));
+    EXPECT_EQ(5, job.num("SCANEXTRACT_DEPTH"));
+    char host[256] = "";
+    gethostname(host, sizeof(host) - 1);
+    EXPECT_EQ(host, job.text("Hostname"));
+    EXPECT_FALSE(job.text("EventID").empty());
+}
+
+TEST_F(ScanClient, FindingIsFoundWithItsNestedEntriesAndExitsOne)
+{
+    fqtest::Responder engine(env->peer, "fq-av-tc-find", s_engine());
+    const std::string path = file("bad.com", "X5O!P%@AP");
+    ScanRun r = scan({"--services", "fq-av-tc-find", "--verbose", path});
+    EXPECT_EQ(1, r.status) << r.out << r.err;
+    EXPECT_NE(std::string::npos, r.out.find(path + ": Test.Virus FOUND\n")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("  bad.com/inner.exe: Test.Virus FOUND (text/plain, 11 bytes)\n")) << r.out;
+}
+
+TEST_F(ScanClient, ServiceFailureIsAnErrorAndWinsOverAFinding)
+{
+    fqtest::Responder engine(env->peer, "fq-av-tc-fail", s_engine());
+    const std::string broken = file("tree/broken.doc", "anything");
+    const std::string bad = file("tree/bad.doc", "anything");
+    ScanRun one = scan({"--services", "fq-av-tc-fail", broken});
+    EXPECT_EQ(2, one.status) << one.out << one.err;
+    EXPECT_EQ(0u, one.out.rfind(broken + ": ERROR ", 0)) << one.out;
+    EXPECT_NE(std::string::npos, one.out.find("engine down")) << one.out;
+
+    ScanRun both = scan({"--services", "fq-av-tc-fail", files / "tree"});
+    EXPECT_EQ(2, both.status) << both.out << both.err;
+    EXPECT_NE(std::string::npos, both.out.find(bad + ": Test.Virus FOUND")) << both.out;
+    EXPECT_NE(std::string::npos, both.out.find(broken + ": ERROR")) << both.out;
+}
+
+TEST_F(ScanClient, TreeIsWalkedWithoutLeavingIt)
+{
+    fqtest::Responder engine(env->peer, "fq-av-tc-tree", s_engine());
+    const std::string a = file("tree/a.txt", "alpha");
+    const std::string b = file("tree/sub/b.txt", "beta");
+    const std::string bad = file("tree/sub/deeper/bad.bin", "evil");
+    const std::string empty = file("tree/empty.txt", "");
+    const std::string outside = file("elsewhere/bad-outside.bin", "evil too");
+    ASSERT_EQ(0, symlink(outside.c_str(), (files / "tree/bad-link.bin").c_str()));
+    ASSERT_EQ(0, symlink((files / "elsewhere").c_str(), (files / "tree/linkdir").c_str()));
+
+    ScanRun r = scan({"--services", "fq-av-tc-tree", "--threads", "3", files / "tree/"});
+    EXPECT_EQ(1, r.status) << r.out << r.err;
+    std::istringstream lines(r.out);
+    std::set<std::string> got;
+    for (std::string line; std::getline(lines, line);)
+        got.insert(line);
+    const std::set<std::string> want = {a + ": OK", b + ": OK", bad + ": Test.Virus FOUND", empty + ": OK"};
+    EXPECT_EQ(want, got);
+    // The empty file needs no service; the links lead out of the tree.
+    EXPECT_EQ(3, engine.count());
+
+    ScanRun followed = scan({"--services", "fq-av-tc-tree", "--follow", files / "tree"});
+    EXPECT_EQ(1, followed.status);
+    EXPECT_NE(std::string::npos, followed.out.find(files / "tree/bad-link.bin: Test.Virus FOUND")) << followed.out;
+    EXPECT_NE(std::string::npos, followed.out.find(files / "tree/linkdir/bad-outside.bin: Test.Virus FOUND"))
+        << followed.out;
+}
+
+TEST_F(ScanClient, PolicyFileAndOptionsMakeTheJob)
+{
+    fqtest::Responder engine(env->peer, "fq-av-tc-policy", s_engine());
+    const std::string policy = file("policy.json",
+                                    "{\"Services\": \"fq-av-tc-policy\", \"SID\": \"S42\", \"realmID\": \"r7\", "
+                                    "\"CUST_CLEAN\": 1, \"SCANEXTRACT_DEPTH\": 9, \"SCANTIMEOUT\": 5000, "
+                                    "\"EventID\": \"fixed\", \"ObjectName\": \"not-mine\"}");
+    file("two/one.txt", "1");
+    file("two/two.txt", "2");
+    ScanRun r = scan({"--policy", policy, "--depth", "3", "--threads", "1", files / "two"});
+    EXPECT_EQ(0, r.status) << r.out << r.err;
+    ASSERT_EQ(2, engine.count());
+    Json first(engine.bodies()[0]);
+    Json second(engine.bodies()[1]);
+    EXPECT_EQ("S42", first.text("SID"));
+    EXPECT_EQ("r7", first.text("realmID"));
+    EXPECT_EQ(1, first.num("CUST_CLEAN"));
+    EXPECT_EQ(3, first.num("SCANEXTRACT_DEPTH"));
+    EXPECT_EQ(5000, first.num("SCANTIMEOUT"));
+    EXPECT_EQ("one.txt", first.text("ObjectName"));
+    // Each object has an id of its own, whatever the policy says.
+    EXPECT_NE("fixed", first.text("EventID"));
+    EXPECT_NE(first.text("EventID"), second.text("EventID"));
+
+    const std::string broken = file("broken.json", "{\"SID\": ");
+    ScanRun bad = scan({"--policy", broken, files / "two"});
+    EXPECT_EQ(2, bad.status);
+    EXPECT_NE(std::string::npos, bad.err.find("not valid JSON")) << bad.err;
+    const std::string empty_sid = file("empty-sid.json", "{\"SID\": \"\"}");
+    ScanRun refused = scan({"--policy", empty_sid, files / "two"});
+    EXPECT_EQ(2, refused.status);
+    EXPECT_NE(std::string::npos, refused.err.find("SID")) << refused.err;
+    EXPECT_EQ(2, engine.count());
+}
+
+TEST_F(ScanClient, SizeLimitsOfTheJobAndOfTheClient)
+{
+    fqtest::Responder engine(env->peer, "fq-av-tc-size", s_engine());
+    const std::string big = file("big.bin", std::string(200, 'x'));
+    ScanRun blocked = scan({"--services", "fq-av-tc-size", "--max-size", "100", big});
+    EXPECT_EQ(1, blocked.status) << blocked.out << blocked.err;
+    EXPECT_EQ(big + ": File too large BLOCKED\n", blocked.out);
+
+    ScanRun refused = scan({"--services", "fq-av-tc-size", "--max-file-size", "100", big});
+    EXPECT_EQ(2, refused.status);
+    EXPECT_EQ(0u, refused.out.rfind(big + ": ERROR file too large to send", 0)) << refused.out;
+    EXPECT_EQ(0, engine.count());
+}
+
+TEST_F(ScanClient, JsonLinesCarryThePathAndTheReply)
+{
+    fqtest::Responder engine(env->peer, "fq-av-tc-json", s_engine());
+    const std::string ok = file("j/ok.txt", "fine");
+    const std::string bad = file("j/bad.txt", "evil");
+    std::vector<std::string> argv = {kScan, "--broker", env->server.url(), "--services", "fq-av-tc-json", "--json",
+                                     files / "j"};
+    ScanRun r = run(argv);
+    EXPECT_EQ(1, r.status) << r.out << r.err;
+    std::istringstream lines(r.out);
+    std::map<std::string, int64_t> codes;
+    for (std::string line; std::getline(lines, line);) {
+        Json j(line);
+        ASSERT_NE(nullptr, j.obj) << line;
+        codes[j.text("path")] = j.num("ReturnCode");
+    }
+    EXPECT_EQ((std::map<std::string, int64_t>{{ok, 1}, {bad, -210}}), codes);
+    // The summary stays out of the JSON lines.
+    EXPECT_NE(std::string::npos, r.err.find("Scanned files: 2")) << r.err;
+}
+
+TEST_F(ScanClient, WorkQueueWithoutPullerTimesOutAndLeavesNothing)
+{
+    const std::string path = file("queued.txt", "waiting");
+    ScanRun r = scan({"--js", "--timeout", "300", path});
+    EXPECT_EQ(2, r.status) << r.out << r.err;
+    EXPECT_EQ(0u, r.out.rfind(path + ": ERROR no reply through the work queue jobs.fq-av-scanproxy", 0)) << r.out;
+    EXPECT_EQ(0u, stream_messages("JOBS_fq-av-scanproxy"));
+}
+
+TEST_F(ScanClient, PingFindsTheWorker)
+{
+    ScanRun r = run({kScan, "--broker", env->server.url(), "--ping"});
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("fq-av-scanproxy.ping: alive\n", r.out);
+}
+
+// A stand-in on the worker's subject answers what no worker would: none of it is a verdict.
+TEST(ScanClientReplies, AnythingButAVerdictIsAnError)
+{
+    fqtest::WorkerEnv env(false);
+    ASSERT_TRUE(env.ok()) << env.error();
+    fqtest::TempDir dir;
+    const std::string path = dir / "x.txt";
+    fqtest::write_file(path, "content");
+    auto scan = [&](std::string* out) {
+        std::string all;
+        const int status =
+            fqtest::run_program({kScan, "--broker", env.server.url(), "--no-summary", path}, &all, 30000ms);
+        *out = all;
+        return status;
+    };
+    std::string out;
+    EXPECT_EQ(2, scan(&out));
+    EXPECT_NE(std::string::npos, out.find("ERROR no worker serves fq-av-scanproxy")) << out;
+
+    const std::vector<std::pair<std::string, std::string>> replies = {
+        {"not json", "not a JSON object"},
+        {"[1, 2]", "not a JSON object"},
+        {"{\"FilesScanned\": 0}", "no ReturnCode"},
+        {"{\"ReturnCode\": 0}", "unexpected ReturnCode 0"},
+        {"{\"ReturnCode\": \"clean\"}", "unreadable ReturnCode"},
+        {"{\"ReturnCode\": 7}", "unexpected ReturnCode 7"},
+    };
+    for (const auto& [reply, why] : replies) {
+        fqtest::Responder fake(env.peer, "fq-av-scanproxy", [&](const std::string&) { return reply; });
+        EXPECT_EQ(2, scan(&out)) << reply;
+        EXPECT_NE(std::string::npos, out.find(path + ": ERROR")) << reply << " -> " << out;
+        EXPECT_NE(std::string::npos, out.find(why)) << reply << " -> " << out;
+    }
+    // The code as text, as after a failed quarantine, is still read.
+    fqtest::Responder fake(env.peer, "fq-av-scanproxy", [](const std::string&) {
+        return std::string("{\"ReturnCode\": \"-1000\", \"Error\": \"Quarantine service fq-av-quarantine.q is not "
+                           "available\"}");
+    });
+    EXPECT_EQ(2, scan(&out));
+    EXPECT_NE(std::string::npos, out.find(": ERROR Quarantine service fq-av-quarantine.q is not available")) << out;
+}
+
+}  // namespace
