@@ -852,6 +852,18 @@ int fqworker_RecursiveScan(const char* name, const char* data, size_t datalen, f
         return SERVICE_ERROR;
     }
 
+    // The key joins the forwarded job once, while it is still an object, so that no service
+    // request has to parse and write the job again to add it.
+    if (staging_key) {
+        json_object_object_add(recursion_scanjob.get(), "_kv_key", json_object_new_string(staging_key));
+        request_json_txt = json_object_to_json_string_ext(recursion_scanjob.get(), FQ_FORWARD_JOB_TEXT_FLAGS);
+        if (!request_json_txt) {
+            s_write_error(error, "Failed to create scanjob_json");
+            log_error("Failed to create scanjob_json");
+            return SERVICE_ERROR;
+        }
+    }
+
     for (char** token = *service_list; *token; ++token) {
         if (fq_timeout_expired(enter_time_ms, timeout_ms)) {
             s_write_error(error, "Service side timeout");
@@ -871,7 +883,7 @@ int fqworker_RecursiveScan(const char* name, const char* data, size_t datalen, f
         const uint64_t remaining_time_ms = fq_remaining_time_ms(enter_time_ms, timeout_ms);
         log_debug("Scanning with service %s, timeout: %dms", *token, static_cast<int>(remaining_time_ms));
         const int rc = s_fq_worker_RecursiveScanWithService(cfg, *token, request_json_txt, i_data, i_datalen,
-                                                            remaining_time_ms, this_scan.get(), error, staging_key);
+                                                            remaining_time_ms, this_scan.get(), error, nullptr);
         log_debug("Service %s returns %d", *token, rc);
 
         if (rc == SCAN_OK && strcmp(*token, "fq-av-mimescan") == 0) {
