@@ -265,13 +265,12 @@ int64_t reply_wait_ms(json_object* policy)
 std::string job_text(json_object* policy, const std::string& object_name, size_t object_len,
                      const std::string& event_id, const char* kv_key)
 {
-    s_json_ptr job(json_object_new_object());
-    if (!job)
+    // The policy is shared by all scanning threads: copy it instead of taking references, since
+    // json-c's reference counts are not safe to change from several threads at once.
+    json_object* copy = nullptr;
+    if (json_object_deep_copy(policy, &copy, nullptr) != 0 || !copy)
         return "";
-    json_object_object_foreach(policy, key, value)
-    {
-        json_object_object_add(job.get(), key, json_object_get(value));
-    }
+    s_json_ptr job(copy);
     s_set_str(job.get(), "ObjectName", object_name);
     s_set_int(job.get(), "ObjectLen", (int64_t)object_len);
     s_set_str(job.get(), "EventID", event_id);
