@@ -89,13 +89,37 @@ struct Result {
     std::string virusname;
 };
 
+std::string text_of(json_object* o, const char* key)
+{
+    json_object* v = nullptr;
+    return o && json_object_object_get_ex(o, key, &v) ? json_object_get_string(v) : "";
+}
+
+int64_t int_of(json_object* o, const char* key, int64_t missing)
+{
+    json_object* v = nullptr;
+    return o && json_object_object_get_ex(o, key, &v) ? json_object_get_int64(v) : missing;
+}
+
 struct Reply {
     int rc = 12345;
-    std::string error;
-    std::string blocking_reason;
+    std::string error, blocking_reason;
     int files_scanned = -1;
     std::vector<Result> results;
 
+    explicit Reply(json_object* reply)
+        : rc((int)int_of(reply, "ReturnCode", 12345)), error(text_of(reply, "Error")),
+          blocking_reason(text_of(reply, "Blocking-reason")), files_scanned((int)int_of(reply, "FilesScanned", -1))
+    {
+        json_object* list = nullptr;
+        if (reply && json_object_object_get_ex(reply, "Results", &list) && json_object_is_type(list, json_type_array))
+            for (size_t i = 0; i < json_object_array_length(list); ++i) {
+                json_object* e = json_object_array_get_idx(list, i);
+                results.push_back({(int)int_of(e, "ReturnCode", 12345), text_of(e, "File-name"),
+                                   int_of(e, "File-size", -1), text_of(e, "Virusname")});
+            }
+        json_object_put(reply);
+    }
     const Result* find(const std::string& name) const
     {
         for (const auto& r : results)
@@ -104,41 +128,6 @@ struct Reply {
         return nullptr;
     }
 };
-
-std::string text_of(json_object* o, const char* key)
-{
-    json_object* v = nullptr;
-    return o && json_object_object_get_ex(o, key, &v) ? json_object_get_string(v) : "";
-}
-
-Reply read_reply(json_object* reply)
-{
-    Reply r;
-    json_object* v = nullptr;
-    if (!reply)
-        return r;
-    if (json_object_object_get_ex(reply, "ReturnCode", &v))
-        r.rc = json_object_get_int(v);
-    r.error = text_of(reply, "Error");
-    r.blocking_reason = text_of(reply, "Blocking-reason");
-    if (json_object_object_get_ex(reply, "FilesScanned", &v))
-        r.files_scanned = json_object_get_int(v);
-    json_object* results = nullptr;
-    if (!json_object_object_get_ex(reply, "Results", &results) || !json_object_is_type(results, json_type_array))
-        return r;
-    for (size_t i = 0; i < json_object_array_length(results); ++i) {
-        json_object* e = json_object_array_get_idx(results, i);
-        Result x;
-        if (json_object_object_get_ex(e, "ReturnCode", &v))
-            x.rc = json_object_get_int(v);
-        x.file_name = text_of(e, "File-name");
-        if (json_object_object_get_ex(e, "File-size", &v))
-            x.file_size = json_object_get_int64(v);
-        x.virusname = text_of(e, "Virusname");
-        r.results.push_back(x);
-    }
-    return r;
-}
 
 std::string dump(const Reply& r)
 {
@@ -172,122 +161,85 @@ protected:
     }
     static void TearDownTestSuite()
     {
-        if (child.pid > 0) {
+        if (child.pid > 0)
             fqtest::stop_process(child.pid);
-            child.pid = -1;
-        }
         fq_connection_deinit(cfg);
         fqtest::free_config(&cfg);
         delete dir;
-        dir = nullptr;
         delete server;
-        server = nullptr;
     }
 
-    // The job as the worker forwards it (extra members added at the end), the object staged beside it.
-    static Reply scan(const std::string& name, const std::string& bytes, const std::string& extra = "")
+    // A job with the object's bytes beside it.
+    static Reply send(const std::string& job, const std::string& bytes)
     {
-        const std::string job = "{\"Command\": 101, \"realmID\": \"realm\", \"SID\": \"SID\", \"Hostname\": "
-                                "\"client.example\", \"EventID\": \"ev-1\", \"Services\": \"fq-av-clamav\", "
-                                "\"Recursion\": 0, \"ObjectName\": \"" +
-                                name + "\", \"ObjectLen\": " + std::to_string(bytes.size()) +
-                                ", \"SCANTIMEOUT\": 20000, \"SCANEXTRACT_DEPTH\": 0, \"SCANEXTRACT_MAX_FILES\": 0, "
-                                "\"SCANEXTRACT_SIZE\": 0" +
-                                extra + "}";
         fq_const_request_reply_t* rr = fq_const_request_reply_new();
         rr->request->json_txt = job.c_str();
         rr->request->data = reinterpret_cast<const unsigned char*>(bytes.data());
         rr->request->data_len = bytes.size();
-        json_object* reply = fq_connection_send_recv_json_data(cfg, "fq-av-clamav", rr, 20000, 0, 0, nullptr);
+        Reply r(fq_connection_send_recv_json_data(cfg, "fq-av-clamav", rr, 20000, 0, 0, nullptr));
         fq_const_request_reply_free_structs(&rr);
-        Reply r = read_reply(reply);
-        json_object_put(reply);
         return r;
     }
-
+    // The job as the worker forwards it (extra members added at the end).
+    static Reply scan(const std::string& name, const std::string& bytes, const std::string& extra = "")
+    {
+        return send("{\"Command\": 101, \"realmID\": \"realm\", \"SID\": \"SID\", \"Hostname\": \"client.example\", "
+                    "\"EventID\": \"ev-1\", \"Services\": \"fq-av-clamav\", \"Recursion\": 0, \"ObjectName\": \"" +
+                        name + "\", \"ObjectLen\": " + std::to_string(bytes.size()) +
+                        ", \"SCANTIMEOUT\": 20000, \"SCANEXTRACT_DEPTH\": 0, \"SCANEXTRACT_MAX_FILES\": 0, "
+                        "\"SCANEXTRACT_SIZE\": 0" + extra + "}",
+                    bytes);
+    }
     static Reply raw(const std::string& body)
     {
-        json_object* reply = fq_connection_send_recv_json(cfg, "fq-av-clamav", body.c_str(), 5000, 0, nullptr);
-        Reply r = read_reply(reply);
-        json_object_put(reply);
-        return r;
+        return Reply(fq_connection_send_recv_json(cfg, "fq-av-clamav", body.c_str(), 5000, 0, nullptr));
     }
 };
 
-TEST_F(PeerClamav, PlainFilesEicarAndTheProjectPatternAreFoundCleanTextIsClean)
+TEST_F(PeerClamav, PlainFilesAndArchivesGetAVerdictPerFile)
 {
-    Reply r = scan("eicar.com", kEicar);
-    EXPECT_EQ(r.rc, -210) << dump(r);
-    EXPECT_EQ(r.blocking_reason, "Virus found");
-    ASSERT_EQ(r.files_scanned, 1);
-    ASSERT_EQ(r.results.size(), 1u);
-    EXPECT_EQ(r.results[0].file_name, "eicar.com");
-    EXPECT_EQ(r.results[0].rc, -210);
-    EXPECT_EQ(r.results[0].file_size, (int64_t)kEicar.size());
-    EXPECT_EQ(r.results[0].virusname.rfind("Eicar-Test-Signature", 0), 0u) << r.results[0].virusname;
-
-    // The marker anywhere inside other text.
-    r = scan("notes/marked.txt", "first line\n" + kPattern + "\nlast line\n");
-    EXPECT_EQ(r.rc, -210) << dump(r);
-    ASSERT_EQ(r.results.size(), 1u);
-    EXPECT_EQ(r.results[0].virusname.rfind("FQ-AV.Test.Pattern.Virus", 0), 0u) << r.results[0].virusname;
-
-    // Half of the marker is nothing.
-    r = scan("letter.txt", kText + kPattern.substr(0, 20));
-    EXPECT_EQ(r.rc, 0) << dump(r);
-    EXPECT_EQ(r.blocking_reason, "");
-    ASSERT_EQ(r.files_scanned, 1);
-    ASSERT_EQ(r.results.size(), 1u);
-    EXPECT_EQ(r.results[0].file_name, "letter.txt");
-    EXPECT_EQ(r.results[0].rc, 0);
-    EXPECT_EQ(r.results[0].virusname, "");
-}
-
-TEST_F(PeerClamav, EicarInAZipFolderIsReportedUnderItsNestedName)
-{
-    const std::string zip = make_zip({{"docs/readme.txt", kText}, {"folder/eicar.com", kEicar}});
-    ASSERT_FALSE(zip.empty());
-    ASSERT_EQ(zip.find("EICAR"), std::string::npos) << "the member must not be visible in the raw archive";
-
-    const Reply r = scan("upload.zip", zip);
-    EXPECT_EQ(r.rc, -210) << dump(r);
-    EXPECT_EQ(r.blocking_reason, "Virus found");
-    ASSERT_EQ(r.files_scanned, 3) << dump(r);
-    ASSERT_EQ(r.results.size(), 3u);
-    EXPECT_EQ(r.results[0].file_name, "upload.zip");
-    EXPECT_EQ(r.results[0].rc, 0) << "the finding comes from the unpacked member";
-    const Result* readme = r.find("upload.zip/docs/readme.txt");
-    ASSERT_NE(readme, nullptr) << dump(r);
-    EXPECT_EQ(readme->rc, 0);
-    EXPECT_EQ(readme->file_size, (int64_t)kText.size());
-    const Result* eicar = r.find("upload.zip/folder/eicar.com");
-    ASSERT_NE(eicar, nullptr) << dump(r);
-    EXPECT_EQ(eicar->rc, -210);
-    EXPECT_EQ(eicar->virusname.rfind("Eicar-Test-Signature", 0), 0u);
-
-    // A clean archive is clean, with an entry for every member.
-    const Reply clean = scan("clean.zip", make_zip({{"a.txt", kText}, {"b/c.txt", kText + kText}}));
-    EXPECT_EQ(clean.rc, 0) << dump(clean);
-    EXPECT_EQ(clean.files_scanned, 3);
-    EXPECT_NE(clean.find("clean.zip/b/c.txt"), nullptr) << dump(clean);
-
-    // Compressed tar is unpacked like zip.
-    const std::string tgz = make_archive(Kind::TarGz, {{"docs/readme.txt", kText}, {"bin/eicar.com", kEicar}});
-    ASSERT_FALSE(tgz.empty());
-    const Reply t = scan("backup.tar.gz", tgz);
-    EXPECT_EQ(t.rc, -210) << dump(t);
-    EXPECT_EQ(t.files_scanned, 3);
-    const Result* in_tar = t.find("backup.tar.gz/bin/eicar.com");
-    ASSERT_NE(in_tar, nullptr) << dump(t);
-    EXPECT_EQ(in_tar->rc, -210);
-
     // A compressed single file is no archive to libarchive: libclamav looks into it itself.
     const std::string gz = make_archive(Kind::Gz, {{"eicar.com", kEicar}});
-    ASSERT_FALSE(gz.empty());
     ASSERT_EQ(gz.find("EICAR"), std::string::npos);
-    const Reply g = scan("eicar.com.gz", gz);
-    EXPECT_EQ(g.rc, -210) << dump(g);
-    EXPECT_EQ(g.files_scanned, 1);
+    const struct {
+        std::string name, bytes;
+        int rc, files;
+        std::string finding, virus;  // the entry that must carry the verdict, and its signature
+        size_t size;                 // that entry's own size
+    } cases[] = {
+        {"eicar.com", kEicar, -210, 1, "eicar.com", "Eicar-Test-Signature", kEicar.size()},
+        // The marker anywhere inside other text; half of it is nothing.
+        {"notes/marked.txt", "first line\n" + kPattern + "\nlast line\n", -210, 1, "notes/marked.txt",
+         "FQ-AV.Test.Pattern.Virus", 22 + kPattern.size()},
+        {"letter.txt", kText + kPattern.substr(0, 20), 0, 1, "letter.txt", "", kText.size() + 20},
+        // Members are reported under the archive's name; the archive entry itself is clean.
+        {"upload.zip", make_zip({{"docs/readme.txt", kText}, {"folder/eicar.com", kEicar}}), -210, 3,
+         "upload.zip/folder/eicar.com", "Eicar-Test-Signature", kEicar.size()},
+        {"clean.zip", make_zip({{"a.txt", kText}, {"b/c.txt", kText + kText}}), 0, 3, "clean.zip/b/c.txt", "",
+         2 * kText.size()},
+        {"backup.tar.gz", make_archive(Kind::TarGz, {{"docs/readme.txt", kText}, {"bin/eicar.com", kEicar}}), -210, 3,
+         "backup.tar.gz/bin/eicar.com", "Eicar-Test-Signature", kEicar.size()},
+        {"eicar.com.gz", gz, -210, 1, "eicar.com.gz", "Eicar-Test-Signature", gz.size()},
+    };
+    ASSERT_EQ(cases[3].bytes.find("EICAR"), std::string::npos) << "a member must not show in the raw zip";
+    for (const auto& c : cases) {
+        ASSERT_FALSE(c.bytes.empty()) << c.name;
+        const Reply r = scan(c.name, c.bytes);
+        EXPECT_EQ(r.rc, c.rc) << c.name << ": " << dump(r);
+        EXPECT_EQ(r.blocking_reason, c.rc ? "Virus found" : "") << c.name;
+        EXPECT_EQ(r.files_scanned, c.files) << c.name;
+        ASSERT_EQ(r.results.size(), (size_t)c.files) << c.name << ": " << dump(r);
+        EXPECT_EQ(r.results[0].file_name, c.name);
+        if (c.finding != c.name) {
+            EXPECT_EQ(r.results[0].rc, 0) << c.name << ": the verdict comes from the unpacked member";
+        }
+        const Result* hit = r.find(c.finding);
+        ASSERT_NE(hit, nullptr) << c.name << ": " << dump(r);
+        EXPECT_EQ(hit->rc, c.rc) << c.name;
+        EXPECT_EQ(hit->virusname.rfind(c.virus, 0), 0u) << c.name << ": " << hit->virusname;
+        EXPECT_EQ(c.virus.empty(), hit->virusname.empty()) << c.name;
+        EXPECT_EQ(hit->file_size, (int64_t)c.size) << c.name;
+    }
 }
 
 TEST_F(PeerClamav, DamagedOrEncryptedArchivesAreNeverClean)
@@ -343,49 +295,47 @@ TEST_F(PeerClamav, NestingFileCountAndSizeLimitsEndInNotCompleted)
         EXPECT_EQ(deep->rc, -210);
     }
 
-    // Three files in all levels: a limit of 2 is reached, 3 is enough.
-    r = scan("outer.zip", outer, ", \"SCANEXTRACT_MAX_FILES\": 2");
-    EXPECT_EQ(r.rc, -100) << dump(r);
-    EXPECT_EQ(r.blocking_reason, "Limit of files in archives reached");
-    EXPECT_EQ(scan("outer.zip", outer, ", \"SCANEXTRACT_MAX_FILES\": 3").rc, -210);
-
-    // Unpacked bytes of all members together.
+    // Three files in all levels, 12000 unpacked bytes: each limit just reached, and just enough.
     const std::string big = make_zip({{"a.txt", std::string(6000, 'a')}, {"b.txt", std::string(6000, 'b')}});
-    r = scan("big.zip", big, ", \"SCANEXTRACT_SIZE\": 10000");
-    EXPECT_EQ(r.rc, -100) << dump(r);
-    EXPECT_EQ(r.blocking_reason, "Limit of unpacked bytes reached");
-    EXPECT_EQ(r.files_scanned, (int)r.results.size());
-    EXPECT_EQ(scan("big.zip", big, ", \"SCANEXTRACT_SIZE\": 12000").rc, 0);
+    const struct {
+        const std::string& bytes;
+        std::string extra, reason;
+        int rc;
+    } limits[] = {
+        {outer, ", \"SCANEXTRACT_MAX_FILES\": 2", "Limit of files in archives reached", -100},
+        {outer, ", \"SCANEXTRACT_MAX_FILES\": 3", "Virus found", -210},
+        {big, ", \"SCANEXTRACT_SIZE\": 10000", "Limit of unpacked bytes reached", -100},
+        {big, ", \"SCANEXTRACT_SIZE\": 12000", "", 0},
+    };
+    for (const auto& c : limits) {
+        r = scan("limits.zip", c.bytes, c.extra);
+        EXPECT_EQ(r.rc, c.rc) << c.extra << dump(r);
+        EXPECT_EQ(r.blocking_reason, c.reason) << c.extra;
+        EXPECT_EQ(r.files_scanned, (int)r.results.size()) << c.extra;
+    }
 }
 
 TEST_F(PeerClamav, RequestsItCannotScanAreErrors)
 {
-    // Announced bytes that are not there.
-    Reply r = raw("{\"Command\": 101, \"ObjectName\": \"gone.txt\", \"ObjectLen\": 10}");
-    EXPECT_EQ(r.rc, -1000);
-    EXPECT_NE(r.error.find("gone.txt"), std::string::npos) << r.error;
-    EXPECT_TRUE(r.results.empty());
-
-    // A staged object that has expired or was never there.
-    EXPECT_EQ(raw("{\"Command\": 101, \"ObjectName\": \"x\", \"ObjectLen\": 4, \"_kv_key\": \"no-such-key\"}").rc,
-              -1000);
-
-    // Fewer bytes than the job announces.
-    const std::string job = "{\"Command\": 101, \"ObjectName\": \"short.txt\", \"ObjectLen\": 999}";
-    fq_const_request_reply_t* rr = fq_const_request_reply_new();
-    rr->request->json_txt = job.c_str();
-    rr->request->data = reinterpret_cast<const unsigned char*>(kEicar.data());
-    rr->request->data_len = kEicar.size();
-    json_object* reply = fq_connection_send_recv_json_data(cfg, "fq-av-clamav", rr, 5000, 0, 0, nullptr);
-    fq_const_request_reply_free_structs(&rr);
-    r = read_reply(reply);
-    json_object_put(reply);
-    EXPECT_EQ(r.rc, -1000);
-    EXPECT_NE(r.error.find("999"), std::string::npos) << r.error;
-
-    EXPECT_EQ(raw("not JSON").rc, -1000);
-    EXPECT_EQ(raw("{\"Command\": 101, \"ObjectLen\": 0}").rc, -1000);
-    EXPECT_EQ(raw("{\"Command\": 3}").rc, 0);
+    const struct {
+        std::string body, data, error_part;
+        int rc;
+    } cases[] = {
+        {"{\"Command\": 101, \"ObjectName\": \"gone.txt\", \"ObjectLen\": 10}", "", "gone.txt", -1000},
+        // A staged object that has expired or was never there.
+        {"{\"Command\": 101, \"ObjectName\": \"x\", \"ObjectLen\": 4, \"_kv_key\": \"no-such-key\"}", "", "", -1000},
+        // Fewer bytes than the job announces.
+        {"{\"Command\": 101, \"ObjectName\": \"short.txt\", \"ObjectLen\": 999}", kEicar, "999", -1000},
+        {"not JSON", "", "", -1000},
+        {"{\"Command\": 101, \"ObjectLen\": 0}", "", "", -1000},
+        {"{\"Command\": 3}", "", "", 0},
+    };
+    for (const auto& c : cases) {
+        const Reply r = c.data.empty() ? raw(c.body) : send(c.body, c.data);
+        EXPECT_EQ(r.rc, c.rc) << c.body;
+        EXPECT_NE(r.error.find(c.error_part), std::string::npos) << c.body << ": " << r.error;
+        EXPECT_TRUE(r.results.empty()) << c.body;
+    }
 }
 
 TEST_F(PeerClamav, ConcurrentJobsEachGetTheirOwnVerdict)
@@ -419,17 +369,15 @@ TEST(PeerClamavProcess, StopsInOrderOnSigtermAndRefusesAMissingDatabase)
     ASSERT_TRUE(server.start(&err)) << err;
     fqtest::TempDir dir;
 
-    auto bad = fqtest::spawn({kClamav, "--broker", server.url(), "--database", dir / "nothing-here"}, dir.path());
-    int status = -1;
-    ASSERT_TRUE(fqtest::wait_exit(bad.pid, 20s, &status));
-    EXPECT_EQ(status, 1);
-    EXPECT_NE(fqtest::read_file(bad.stderr_path).find("nothing-here"), std::string::npos);
-
-    // A directory without signatures would call everything clean.
+    // A missing database, and a directory without signatures, which would call everything clean.
     fqtest::write_file(dir / "notes.txt", "no signatures here\n");
-    bad = fqtest::spawn({kClamav, "--broker", server.url(), "--database", dir.path()}, dir.path());
-    ASSERT_TRUE(fqtest::wait_exit(bad.pid, 20s, &status));
-    EXPECT_EQ(status, 1) << fqtest::read_file(bad.stderr_path);
+    int status = -1;
+    for (const std::string& db : {dir / "nothing-here", dir.path()}) {
+        auto bad = fqtest::spawn({kClamav, "--broker", server.url(), "--database", db}, dir.path());
+        ASSERT_TRUE(fqtest::wait_exit(bad.pid, 20s, &status));
+        EXPECT_EQ(status, 1) << db;
+        EXPECT_NE(fqtest::read_file(bad.stderr_path).find(db), std::string::npos) << fqtest::read_file(bad.stderr_path);
+    }
 
     auto good = fqtest::spawn({kClamav, "--broker", server.url(), "--threads", "2"}, dir.path());
     ASSERT_TRUE(fqtest::wait_until(
@@ -475,8 +423,7 @@ TEST(PeerClamavWorker, TheClientGetsTheNestedFindingThroughTheWorker)
     ASSERT_TRUE(text.has_value()) << fqtest::read_file(engine.stderr_path);
     json_object* obj = json_tokener_parse(text->c_str());
     ASSERT_NE(obj, nullptr) << *text;
-    const Reply r = read_reply(obj);
-    json_object_put(obj);
+    const Reply r(obj);
     EXPECT_EQ(r.rc, -210) << *text;
     EXPECT_NE(r.blocking_reason.find("Eicar-Test-Signature"), std::string::npos) << *text;
     const Result* nested = r.find("mail.zip/payload/eicar.com");

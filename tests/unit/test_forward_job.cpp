@@ -1,17 +1,9 @@
 #include <gtest/gtest.h>
-
-#include "stderr_capture.h"
 #include <json-c/json.h>
-
 #include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,64 +11,26 @@
 #include "fq_worker_forward_job.h"
 #include "fq_worker_scanobject.h"
 #include "log.h"
+#include "stderr_capture.h"
 
 namespace {
 
 // Members in an order unlike the forwarded one, with members that must not be carried over.
 const char* const kFullJob = R"({
-  "Unknown": "x",
-  "SCAN_EXTENSION_MAX_LEN": -3,
-  "SCAN_MAX_SIZE": 100000,
-  "SCAN_MIN_SIZE": "10",
-  "SCANEXTRACT_NO_VIRUSSCAN": 2,
-  "SCANEXTRACT_RATIO": 77,
-  "SCANEXTRACT_SIZE": 6000000000,
-  "SCANEXTRACT_MAX_FILES": 5000000000,
-  "SCANEXTRACT_DEPTH": 14,
-  "SCANEXTRACT": 13,
-  "SCANALLFILES": 1,
-  "SCANBESTEFFORT": 0,
-  "EVENT_ID_DELIMITER": "|",
-  "INCLUDE_EVENT_ID_IN_MESSAGE": 1,
-  "CLEANQUARANTINE": "fq-av-quarantine.k1:secret",
-  "LONGMIMETYPES": 28,
-  "SVG_MODE": "TEXT",
-  "XML_MODE": "XML",
-  "HTMLDETECTION": "Restrictive",
-  "SCANXMLCONTENT": 27,
-  "SCANUUENCODED": 26,
-  "SCANBASE64": 25,
-  "BLOCKHTML_IN_PDF": 24,
-  "BLOCKENCRYPTED": 23,
-  "BLOCKEXTENSIONS": "exe,com",
-  "SCANEXTENSIONS": "pdf",
-  "BLOCKMIMETYPES": "application/x-dosexec",
-  "SCANMIMETYPES": "application/pdf",
-  "CUST_CLEAN": 1,
-  "CUST_ACTIVE_CONTENT": 12,
-  "ENFORCE_MIME_EXTENSION_MATCH": 21,
-  "CUST_CHECK_MIME_TYPE": 11,
-  "ENFORCE_ACTIVECONTENT_POLICY_IN_ARCHIVES": 3,
-  "ENFORCE_MIME_POLICY_IN_ARCHIVES": 2,
-  "SCANBANDWIDTH": 31,
-  "SCANTIMEOUT": 30000,
-  "SCANALLEMBEDDED": 1,
-  "ObjectLen": 4,
-  "ObjectName": "client-name.pdf",
-  "shmID": "0x1f",
-  "Recursion": 2,
-  "Scan-Servers": "nats://10.0.0.1:4222",
-  "Services": "fq-av-mimescan;fq-av-scanproxy;fq-av-engine+",
-  "EventID": "ev-42",
-  "Hostname": "client.example.org",
-  "SID": "S01",
-  "realmID": "realm-1",
-  "Command": 102,
-  "PID": 77,
-  "TID": 78,
-  "REQUIRE_EXTENSION": 1,
-  "MIME-type": "text/plain",
-  "File-type": "ASCII text",
+  "Unknown": "x", "SCAN_EXTENSION_MAX_LEN": -3, "SCAN_MAX_SIZE": 100000, "SCAN_MIN_SIZE": "10",
+  "SCANEXTRACT_NO_VIRUSSCAN": 2, "SCANEXTRACT_RATIO": 77, "SCANEXTRACT_SIZE": 6000000000,
+  "SCANEXTRACT_MAX_FILES": 5000000000, "SCANEXTRACT_DEPTH": 14, "SCANEXTRACT": 13, "SCANALLFILES": 1,
+  "SCANBESTEFFORT": 0, "EVENT_ID_DELIMITER": "|", "INCLUDE_EVENT_ID_IN_MESSAGE": 1,
+  "CLEANQUARANTINE": "fq-av-quarantine.k1:secret", "LONGMIMETYPES": 28, "SVG_MODE": "TEXT", "XML_MODE": "XML",
+  "HTMLDETECTION": "Restrictive", "SCANXMLCONTENT": 27, "SCANUUENCODED": 26, "SCANBASE64": 25,
+  "BLOCKHTML_IN_PDF": 24, "BLOCKENCRYPTED": 23, "BLOCKEXTENSIONS": "exe,com", "SCANEXTENSIONS": "pdf",
+  "BLOCKMIMETYPES": "application/x-dosexec", "SCANMIMETYPES": "application/pdf", "CUST_CLEAN": 1,
+  "CUST_ACTIVE_CONTENT": 12, "ENFORCE_MIME_EXTENSION_MATCH": 21, "CUST_CHECK_MIME_TYPE": 11,
+  "ENFORCE_ACTIVECONTENT_POLICY_IN_ARCHIVES": 3, "ENFORCE_MIME_POLICY_IN_ARCHIVES": 2, "SCANBANDWIDTH": 31,
+  "SCANTIMEOUT": 30000, "SCANALLEMBEDDED": 1, "ObjectLen": 4, "ObjectName": "client-name.pdf", "shmID": "0x1f",
+  "Recursion": 2, "Scan-Servers": "nats://10.0.0.1:4222", "Services": "fq-av-mimescan;fq-av-scanproxy;fq-av-engine+",
+  "EventID": "ev-42", "Hostname": "client.example.org", "SID": "S01", "realmID": "realm-1", "Command": 102,
+  "PID": 77, "TID": 78, "REQUIRE_EXTENSION": 1, "MIME-type": "text/plain", "File-type": "ASCII text",
   "Extension": "txt"
 })";
 
@@ -198,34 +152,27 @@ struct JsonDeleter {
     void operator()(json_object* o) const { json_object_put(o); }
 };
 using Json = std::unique_ptr<json_object, JsonDeleter>;
-
 struct ScanObjectDeleter {
     void operator()(fq_worker_scanobject_t* p) const { fq_worker_FreeScanObject(&p); }
 };
 using ScanObject = std::unique_ptr<fq_worker_scanobject_t, ScanObjectDeleter>;
-
-void set(json_object* job, const std::string& key, const char* value_json)
-{
-    if (!value_json) {
-        json_object_object_del(job, key.c_str());
-        return;
-    }
-    json_object* v = json_tokener_parse(value_json);
-    ASSERT_TRUE(v || strcmp(value_json, "null") == 0) << value_json;
-    json_object_object_add(job, key.c_str(), v);
-}
 
 // A client's job, parsed and prepared the way request handling hands it to the driver.
 struct Job {
     Json json;
     ScanObject so;
 
-    explicit Job(const char* text) : json(json_tokener_parse(text))
+    explicit Job(const char* text) : json(json_tokener_parse(text)) { EXPECT_NE(nullptr, json.get()) << text; }
+    // Sets key to the JSON value written in value_json (or removes it when value_json is null).
+    void with(const std::string& key, const char* value_json)
     {
-        EXPECT_NE(nullptr, json.get()) << text;
+        json_object* v = value_json ? json_tokener_parse(value_json) : nullptr;
+        EXPECT_TRUE(!value_json || v || strcmp(value_json, "null") == 0) << value_json;
+        if (value_json)
+            json_object_object_add(json.get(), key.c_str(), v);
+        else
+            json_object_object_del(json.get(), key.c_str());
     }
-    json_object* operator->() { return json.get(); }
-    void with(const std::string& key, const char* value_json) { set(json.get(), key, value_json); }
     fq_worker_scanobject_t* parsed()
     {
         char err[1024] = "";
@@ -240,8 +187,7 @@ struct Job {
 struct Encoded {
     int rc = 0;
     Json json{json_object_new_object()};
-    std::string text;
-    std::string err;
+    std::string text, err;
     bool text_set = false;
 };
 
@@ -253,8 +199,7 @@ Encoded encode(const fq_worker_scanobject_t* so, const char* filename = "a.txt",
     e.rc = fq_worker_encodescanjobtoJSON(e.json.get(), so, filename, len, &txt, shmid, err);
     e.err = err;
     e.text_set = txt != nullptr;
-    if (txt)
-        e.text = txt;
+    e.text = txt ? txt : "";
     return e;
 }
 
@@ -263,8 +208,6 @@ json_object* member(const Encoded& e, const char* key)
     json_object* v = nullptr;
     return json_object_object_get_ex(e.json.get(), key, &v) ? v : nullptr;
 }
-
-
 
 TEST(ForwardJob, FullJobGivesTheWholeTextInItsOwnOrder)
 {
@@ -288,26 +231,24 @@ TEST(ForwardJob, AbsentMembersGoOutAsZeroOrEmptyWithoutTheRecordDefaults)
     fq_worker_scanobject_t* so = job.parsed();
     ASSERT_NE(nullptr, so);
     EXPECT_EQ(20, so->SCANEXTRACT_DEPTH);
-    EXPECT_EQ(1032, so->SCANEXTRACT_RATIO);
 
     log_reset_start_state();
     fqtest::StderrCapture cap;
     Encoded e = encode(so);
-    const std::string log = cap.stop();
+    cap.stop();
     ASSERT_EQ(0, e.rc) << e.err;
     EXPECT_EQ(kSparseForwarded, e.text);
     for (const std::string& key : kNumbers)
-        EXPECT_NE(std::string::npos, log.find("(): Object " + key + " not found ")) << key;
-    EXPECT_EQ(std::string::npos, log.find("SCAN_EXTENSION_MAX_LEN"));
-    EXPECT_EQ(std::string::npos, log.find("CLEANQUARANTINE"));
-    EXPECT_EQ(std::string::npos, log.find("SCANMIMETYPES"));
+        EXPECT_TRUE(cap.contains("(): Object " + key + " not found ")) << key;
+    for (const char* silent : {"SCAN_EXTENSION_MAX_LEN", "CLEANQUARANTINE", "SCANMIMETYPES"})
+        EXPECT_FALSE(cap.contains(silent)) << silent;
 }
 
 TEST(ForwardJob, MandatoryForwardingMembersFailInTheirOrder)
 {
-    const std::vector<std::string> mandatory = {"realmID",       "SID",          "Hostname", "EventID",
-                                                "Services",      "Scan-Servers", "HTMLDETECTION",
-                                                "XML_MODE",      "SVG_MODE",     "EVENT_ID_DELIMITER"};
+    const std::vector<std::string> mandatory = {"realmID",  "SID",           "Hostname", "EventID",  "Services",
+                                                "Scan-Servers", "HTMLDETECTION", "XML_MODE", "SVG_MODE",
+                                                "EVENT_ID_DELIMITER"};
     for (const std::string& key : mandatory) {
         for (const char* value : {static_cast<const char*>(nullptr), "\"\"", "null"}) {
             Job job(kFullJob);
@@ -318,9 +259,8 @@ TEST(ForwardJob, MandatoryForwardingMembersFailInTheirOrder)
             Encoded e = encode(so);
             EXPECT_EQ(SERVICE_ERROR, e.rc) << key;
             EXPECT_FALSE(e.text_set) << key;
-            const std::string want = value ? "Key " + key + " found, but value is empty"
-                                           : "Failed to read " + key + " from JSON";
-            EXPECT_EQ(want, e.err);
+            EXPECT_EQ(value ? "Key " + key + " found, but value is empty" : "Failed to read " + key + " from JSON",
+                      e.err);
             // What came before stays in the object; the failed member and the rest are not there.
             EXPECT_NE(nullptr, member(e, "Command")) << key;
             EXPECT_EQ(nullptr, member(e, key.c_str())) << key;
@@ -337,9 +277,7 @@ TEST(ForwardJob, MandatoryForwardingMembersFailInTheirOrder)
             job.with(late[i], nullptr);
             fq_worker_scanobject_t* so = job.parsed();
             ASSERT_NE(nullptr, so) << "parsing does not look at " << late[i];
-            Encoded e = encode(so);
-            EXPECT_EQ(SERVICE_ERROR, e.rc);
-            EXPECT_EQ("Failed to read " + late[i] + " from JSON", e.err) << late[i] << " before " << late[j];
+            EXPECT_EQ("Failed to read " + late[i] + " from JSON", encode(so).err) << late[i] << " before " << late[j];
         }
     }
 }
@@ -350,33 +288,19 @@ TEST(ForwardJob, NumbersSaturateToThirtyTwoBits)
         const char* json;
         int32_t want;
     } cases[] = {
-        {"2147483647", INT32_MAX},
-        {"2147483648", INT32_MAX},
-        {"-2147483648", INT32_MIN},
-        {"-2147483649", INT32_MIN},
-        {"9223372036854775807", INT32_MAX},
-        {"18446744073709551615", INT32_MAX},
-        {"-9223372036854775808", INT32_MIN},
-        {"\"3000000000\"", INT32_MAX},
-        {"\"-3000000000\"", INT32_MIN},
-        {"1e20", INT32_MAX},
-        {"-1e20", INT32_MIN},
-        {"Infinity", INT32_MAX},
-        {"NaN", 0},
-        {"2.9", 2},
-        {"true", 1},
-        {"\"abc\"", 0},
-        {"[5]", 0},
-        {"null", 0},
+        {"2147483647", INT32_MAX}, {"2147483648", INT32_MAX},        {"-2147483648", INT32_MIN},
+        {"-2147483649", INT32_MIN}, {"18446744073709551615", INT32_MAX}, {"-9223372036854775808", INT32_MIN},
+        {"\"3000000000\"", INT32_MAX}, {"\"-3000000000\"", INT32_MIN}, {"1e20", INT32_MAX},
+        {"-1e20", INT32_MIN},       {"Infinity", INT32_MAX},         {"NaN", 0},
+        {"2.9", 2},                 {"true", 1},                     {"\"abc\"", 0},
+        {"[5]", 0},                 {"null", 0},
     };
     for (const char* key : {"SCANEXTRACT_MAX_FILES", "SCANEXTRACT_SIZE", "SCAN_MIN_SIZE", "SCAN_MAX_SIZE",
                             "SCANBANDWIDTH", "Command", "SCAN_EXTENSION_MAX_LEN"}) {
         for (const auto& c : cases) {
             Job job(kFullJob);
             job.with(key, c.json);
-            fq_worker_scanobject_t* so = job.parsed();
-            ASSERT_NE(nullptr, so);
-            Encoded e = encode(so);
+            Encoded e = encode(job.parsed());
             ASSERT_EQ(0, e.rc) << e.err;
             json_object* v = member(e, key);
             ASSERT_NE(nullptr, v) << key << "=" << c.json;
@@ -389,39 +313,33 @@ TEST(ForwardJob, NumbersSaturateToThirtyTwoBits)
 TEST(ForwardJob, WorkedOutMembers)
 {
     // Whatever shmID the client sent, the driver's -1 goes out as all ones; other values as hex.
-    const struct {
-        int shmid;
-        const char* want;
-    } shm[] = {{-1, "0xffffffff"}, {0, "0x0"}, {255, "0xff"}, {INT32_MIN, "0x80000000"}, {-2, "0xfffffffe"}};
+    const std::pair<int, const char*> shm[] = {
+        {-1, "0xffffffff"}, {0, "0x0"}, {255, "0xff"}, {INT32_MIN, "0x80000000"}, {-2, "0xfffffffe"}};
     for (const auto& c : shm) {
         Job job(kFullJob);
-        Encoded e = encode(job.parsed(), "n", 0, c.shmid);
+        Encoded e = encode(job.parsed(), "n", 0, c.first);
         ASSERT_EQ(0, e.rc);
-        EXPECT_STREQ(c.want, json_object_get_string(member(e, "shmID")));
+        EXPECT_STREQ(c.second, json_object_get_string(member(e, "shmID")));
     }
 
     // Recursion is the lowered level plus one: the client's value, or 0; the top value cannot wrap.
-    const struct {
-        const char* json;
-        int32_t want;
-    } rec[] = {{"0", 0}, {"1", 1}, {"21", 21}, {nullptr, 0}, {"2147483647", INT32_MAX}};
+    const std::pair<const char*, int32_t> rec[] = {{"0", 0}, {"21", 21}, {nullptr, 0}, {"2147483647", INT32_MAX}};
     for (const auto& c : rec) {
         Job job(kFullJob);
-        job.with("Recursion", c.json);
+        job.with("Recursion", c.first);
         Encoded e = encode(job.parsed());
         ASSERT_EQ(0, e.rc);
-        EXPECT_EQ(c.want, json_object_get_int(member(e, "Recursion"))) << (c.json ? c.json : "absent");
+        EXPECT_EQ(c.second, json_object_get_int(member(e, "Recursion"))) << (c.first ? c.first : "absent");
     }
     Job top(kFullJob);
     fq_worker_scanobject_t* so = top.parsed();
+    ASSERT_NE(nullptr, so);
     so->recursion_level = INT32_MAX;
     EXPECT_EQ(INT32_MAX, json_object_get_int(member(encode(so), "Recursion")));
 
     // ObjectLen is an unsigned 64-bit number, whatever the size.
-    Job len(kFullJob);
-    Encoded big = encode(len.parsed(), "n", SIZE_MAX);
+    Encoded big = encode(so, "n", SIZE_MAX);
     ASSERT_EQ(0, big.rc);
-    EXPECT_EQ(UINT64_MAX, json_object_get_uint64(member(big, "ObjectLen")));
     EXPECT_NE(std::string::npos, big.text.find("\"ObjectLen\":18446744073709551615,"));
 
     // A text member of another type goes out as its JSON text; a long one whole.
@@ -439,27 +357,21 @@ TEST(ForwardJob, WorkedOutMembers)
 
 TEST(ForwardJob, SilentTextsAndTheOptionalMember)
 {
-    Job job(kFullJob);
-    job.with("CLEANQUARANTINE", "null");
-    job.with("SCAN_EXTENSION_MAX_LEN", "0");
-    Encoded e = encode(job.parsed());
-    ASSERT_EQ(0, e.rc);
-    EXPECT_STREQ("", json_object_get_string(member(e, "CLEANQUARANTINE")));
-    ASSERT_NE(nullptr, member(e, "SCAN_EXTENSION_MAX_LEN"));
-    EXPECT_EQ(0, json_object_get_int(member(e, "SCAN_EXTENSION_MAX_LEN")));
-    // Present, even as null: the member goes out.
-    Job nulled(kFullJob);
-    nulled.with("SCAN_EXTENSION_MAX_LEN", "null");
-    Encoded n = encode(nulled.parsed());
-    ASSERT_NE(nullptr, member(n, "SCAN_EXTENSION_MAX_LEN"));
-    EXPECT_EQ(47u, static_cast<size_t>(json_object_object_length(n.json.get())));
-
-    Job absent(kFullJob);
-    absent.with("SCAN_EXTENSION_MAX_LEN", nullptr);
-    Encoded a = encode(absent.parsed());
-    ASSERT_EQ(0, a.rc);
-    EXPECT_EQ(nullptr, member(a, "SCAN_EXTENSION_MAX_LEN"));
-    EXPECT_EQ(46u, static_cast<size_t>(json_object_object_length(a.json.get())));
+    // Present, even as null, the optional member goes out; absent, it does not.
+    const struct {
+        const char* json;
+        size_t members;
+    } cases[] = {{"0", 47}, {"null", 47}, {nullptr, 46}};
+    for (const auto& c : cases) {
+        Job job(kFullJob);
+        job.with("CLEANQUARANTINE", "null");
+        job.with("SCAN_EXTENSION_MAX_LEN", c.json);
+        Encoded e = encode(job.parsed());
+        ASSERT_EQ(0, e.rc);
+        EXPECT_STREQ("", json_object_get_string(member(e, "CLEANQUARANTINE")));
+        EXPECT_EQ(c.members, static_cast<size_t>(json_object_object_length(e.json.get()))) << c.json;
+        EXPECT_EQ(c.json != nullptr, member(e, "SCAN_EXTENSION_MAX_LEN") != nullptr) << c.json;
+    }
 }
 
 TEST(ForwardJob, BadArgumentsFailClosed)
@@ -476,10 +388,8 @@ TEST(ForwardJob, BadArgumentsFailClosed)
     EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), so, "n", 1, nullptr, -1, nullptr));
     Json array(json_object_new_array());
     EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(array.get(), so, "n", 1, &txt, -1, err));
-    json_object* kept = so->scanjob_json;
     so->scanjob_json = nullptr;
     EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), so, "n", 1, &txt, -1, err));
-    so->scanjob_json = kept;
     EXPECT_STREQ("unchanged", txt);
     EXPECT_STRNE("", err);
     EXPECT_EQ(0, json_object_object_length(obj.get()));
@@ -491,26 +401,26 @@ TEST(ForwardJobMime, MembersAreAddedAtTheEndAndTheTextIsRewritten)
     Encoded e = encode(job.parsed());
     ASSERT_EQ(0, e.rc);
     EXPECT_EQ(nullptr, member(e, "MIME-type"));
+    // The sparse forwarded text with the four members after its last.
+    auto with_mime = [](const std::string& mime) {
+        std::string want = kSparseForwarded;
+        return want.erase(want.rfind('\n')) + ",\n" + mime + "\n}";
+    };
 
     const char* txt = nullptr;
     char err[1024] = "";
     ASSERT_EQ(0, fq_worker_add_mime_to_scanjob(e.json.get(), "application/pdf", "binary", "PDF document", "pdf", &txt,
                                                err));
-    std::string want = kSparseForwarded;
-    want.erase(want.rfind('\n'));
-    want += ",\n  \"MIME-type\":\"application\\/pdf\",\n  \"MIME-encoding\":\"binary\",\n"
-            "  \"File-type\":\"PDF document\",\n  \"Extension\":\"pdf\"\n}";
     ASSERT_NE(nullptr, txt);
-    EXPECT_EQ(want, txt);
+    EXPECT_EQ(with_mime("  \"MIME-type\":\"application\\/pdf\",\n  \"MIME-encoding\":\"binary\",\n"
+                        "  \"File-type\":\"PDF document\",\n  \"Extension\":\"pdf\""),
+              txt);
 
     // A second MIME service replaces the members in place; null texts go out empty.
     ASSERT_EQ(0, fq_worker_add_mime_to_scanjob(e.json.get(), "text/plain", nullptr, "ASCII text", nullptr, &txt, err));
-    EXPECT_EQ(50, json_object_object_length(e.json.get()));
-    std::string again = kSparseForwarded;
-    again.erase(again.rfind('\n'));
-    again += ",\n  \"MIME-type\":\"text\\/plain\",\n  \"MIME-encoding\":\"\",\n"
-             "  \"File-type\":\"ASCII text\",\n  \"Extension\":\"\"\n}";
-    EXPECT_EQ(again, txt);
+    EXPECT_EQ(with_mime("  \"MIME-type\":\"text\\/plain\",\n  \"MIME-encoding\":\"\",\n"
+                        "  \"File-type\":\"ASCII text\",\n  \"Extension\":\"\""),
+              txt);
 
     txt = "unchanged";
     EXPECT_EQ(SERVICE_ERROR, fq_worker_add_mime_to_scanjob(nullptr, "a", "b", "c", "d", &txt, err));
