@@ -52,43 +52,32 @@ class NatsRequestTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        server_ = new fqtest::NatsServer();
-        std::string err;
-        if (!server_->start(&err) || !server_->provision(nullptr, nullptr, &err)) {
-            setup_error_ = err;
-            return;
-        }
-        cfg_ = server_->make_config();
-        if (fq_connection_init(cfg_) != 0) {
-            setup_error_ = "fq_connection_init failed";
-            return;
-        }
-        peer_ = server_->connect_peer(&err);
-        if (!peer_)
-            setup_error_ = err;
+        suite_.start();
+        server_ = suite_.server;
+        cfg_ = suite_.cfg;
+        peer_ = suite_.peer;
+        setup_error_ = suite_.error;
     }
 
+    // Every test stops its serving threads, and closing the connection would end any left.
     static void TearDownTestSuite()
     {
-        if (peer_) {
-            natsConnection_Close(peer_);
-            natsConnection_Destroy(peer_);
-            peer_ = nullptr;
-        }
-        fq_connection_deinit(cfg_);
-        fqtest::free_config(&cfg_);
-        delete server_;
+        suite_.stop();
         server_ = nullptr;
+        cfg_ = nullptr;
+        peer_ = nullptr;
     }
 
     void SetUp() override { ASSERT_TRUE(setup_error_.empty()) << setup_error_; }
 
+    static fqtest::BrokerSuite suite_;
     static fqtest::NatsServer* server_;
     static fq_connection_config* cfg_;
     static natsConnection* peer_;
     static std::string setup_error_;
 };
 
+fqtest::BrokerSuite NatsRequestTest::suite_;
 fqtest::NatsServer* NatsRequestTest::server_ = nullptr;
 fq_connection_config* NatsRequestTest::cfg_ = nullptr;
 natsConnection* NatsRequestTest::peer_ = nullptr;

@@ -345,6 +345,32 @@ fq_connection_config* NatsServer::make_config() const
     return cfg;
 }
 
+void BrokerSuite::start()
+{
+    server = new NatsServer();
+    if (!server->start(&error) || !server->provision(nullptr, nullptr, &error))
+        return;
+    cfg = server->make_config();
+    if (fq_connection_init(cfg) != 0) {
+        error = "fq_connection_init failed";
+        return;
+    }
+    peer = server->connect_peer(&error);
+}
+
+void BrokerSuite::stop()
+{
+    if (peer) {
+        natsConnection_Close(peer);
+        natsConnection_Destroy(peer);
+        peer = nullptr;
+    }
+    fq_connection_deinit(cfg);
+    free_config(&cfg);
+    delete server;
+    server = nullptr;
+}
+
 void free_config(fq_connection_config** cfg)
 {
     if (!cfg || !*cfg)

@@ -90,6 +90,18 @@ private:
     std::vector<std::string> bodies_;
 };
 
+// What a suite of broker tests shares: a provisioned server, a connection record initialised
+// for it and a plain peer connection. error is empty when all three are up.
+struct BrokerSuite {
+    NatsServer* server = nullptr;
+    fq_connection_config* cfg = nullptr;
+    natsConnection* peer = nullptr;
+    std::string error;
+
+    void start();
+    void stop();
+};
+
 // Frees a record from make_config with the texts it owns; the connection must be closed.
 void free_config(fq_connection_config** cfg);
 
