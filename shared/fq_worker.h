@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "fq_connection_client.h"
+#include "fq_raii.h"
 #include "fq_request_reply_types.h"
 
 #define FQ_SERVICE_NAME "fq-av-scanproxy"
@@ -151,12 +152,6 @@ typedef struct fq_worker_update_thread_params_t {
 int fqworker_parse_commandline(fq_worker_config_t* config, int argc, char** argv);
 // Sets the defaults main() gives the configuration before the command line is read.
 void fq_worker_config_set_defaults(fq_worker_config_t* config);
-
-// Owns a parsed JSON value for the length of a scope.
-struct fq_json_deleter {
-    void operator()(json_object* obj) const { json_object_put(obj); }
-};
-using fq_json_ptr = std::unique_ptr<json_object, fq_json_deleter>;
 
 // Request texts: parse (null after the message when the text is no JSON object),
 // the "Command" code (-1 when absent), and a text that must be there and not be empty.
