@@ -11,6 +11,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   openssl unzip zip procps
   libmagic-dev libclamav-dev
+  clang-14 libclang-rt-14-dev
 )
 
 missing=()

@@ -15,3 +15,8 @@ if [ "${FQ_SKIP_SANITIZERS:-0}" != "1" ]; then
   cmake --build build-sanitize -j"$(nproc)"
   (cd build-sanitize && UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --output-on-failure)
 fi
+
+# A short fuzzing round over every parser of outside input (clang, ASan, UBSan).
+if [ "${FQ_SKIP_FUZZ:-0}" != "1" ]; then
+  bash scripts/fuzz.sh --seconds 10
+fi

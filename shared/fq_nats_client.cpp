@@ -11,6 +11,7 @@
 #include <string>
 
 #include "fq_nats_compat.h"
+#include "fq_nats_names.h"
 #include "log.h"
 
 namespace {
@@ -473,6 +474,19 @@ json_object* s_parse_reply(natsMsg* msg, const char* service, bool trace_payload
     return obj;
 }
 
+// Nothing goes on the connection under a name the protocol could misread: the refusal is
+// logged once here and handed to the caller as its failure text.
+bool s_name_refused(const char* name, fq_nats_name_kind kind, const char* what, char* errormsg)
+{
+    char why[128];
+    if (fq_nats_check_name(name, kind, why, sizeof(why)) == 0)
+        return false;
+    const std::string shown = fq_nats_printable(name);
+    log_error("NATS: refusing %s '%s': it %s", what, shown.c_str(), why);
+    s_set_error(errormsg, "NATS: refusing %s '%s': it %s", what, shown.c_str(), why);
+    return true;
+}
+
 // A request body with "_kv_key" added; the text unchanged when it isn't JSON.
 std::string s_body_with_key(const char* json_txt, const char* key)
 {
@@ -492,6 +506,8 @@ json_object* fq_nats_send_recv_json(fq_nats_config* config, const char* service,
         s_set_error(errormsg, "NATS: invalid parameters for send_recv_json");
         return nullptr;
     }
+    if (s_name_refused(service, FQ_NAME_SERVICE, "the service name", errormsg))
+        return nullptr;
     auto* conn = static_cast<natsConnection*>(config->_conn);
     log_trace("NATS: sending request to %s (timeout: %ums):\n%s", service, timeout_ms, request_json_txt);
 
@@ -529,6 +545,11 @@ json_object* fq_nats_send_recv_json_data(fq_nats_config* config, const char* ser
         s_set_error(errormsg, "NATS: invalid parameters for send_recv_json_data");
         return nullptr;
     }
+    if (s_name_refused(service, FQ_NAME_SERVICE, "the service name", errormsg))
+        return nullptr;
+    if (rr->request->staged_data_key && *rr->request->staged_data_key &&
+        s_name_refused(rr->request->staged_data_key, FQ_NAME_KV_KEY, "the staged key", errormsg))
+        return nullptr;
     auto* conn = static_cast<natsConnection*>(config->_conn);
     const fq_const_message_t* req = rr->request;
     const uint64_t total_ms = timeout_ms + extra_timeout_ms;

@@ -9,6 +9,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <string>
+
 #include "fq_connection_client.h"
 #include "fq_nats_nr_backoff.h"
 #include "fq_request_reply_types.h"
@@ -111,6 +113,9 @@ int fq_nats_start_service_handler_threads(fq_nats_config* config, const char* se
 int fq_nats_start_broadcast_handler_threads(fq_nats_config* config, const char* service,
                                             fq_request_handler_f_t request_handler, void* request_handler_config,
                                             volatile const sig_atomic_t* terminate, int number_of_threads);
+// The staged key a request names in "_kv_key": 0 when it names none, 1 with the key in *key,
+// -1 when the key may not go on the broker (*refusal says why, in words fit for the client).
+int fq_nats_request_staged_key(json_object* request, std::string* key, std::string* refusal);
 void fq_worker_scan_execute(fq_nats_config* config, fq_request_handler_f_t handler, void* handler_config,
                             const void* msg_data, size_t msg_len, char** out_reply_json);
 int fq_nats_start_js_work_consumer(fq_nats_config* config, const char* service,

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "fq_nats_client.h"
+#include "fq_nats_names.h"
 #include "fqhlp_replies.h"
 #include "log.h"
 
@@ -80,7 +81,13 @@ void* handler_thread_fn(void* arg)
         char* reply_text = nullptr;
         fq_worker_scan_execute(args->config, args->handler, args->handler_config, data, (size_t)len, &reply_text);
         const char* reply_subject = natsMsg_GetReply(msg.get());
-        if (reply_text && reply_subject && *reply_subject) {
+        char why[128];
+        if (reply_text && reply_subject && *reply_subject &&
+            fq_nats_check_name(reply_subject, FQ_NAME_REPLY, why, sizeof(why)) != 0) {
+            // The requester chose where the answer goes; a system subject or a malformed one
+            // would let it write with the worker's rights.
+            log_warn("NATS: not replying to '%s': the reply subject %s", fq_nats_printable(reply_subject).c_str(), why);
+        } else if (reply_text && reply_subject && *reply_subject) {
             s = natsConnection_PublishString(static_cast<natsConnection*>(args->config->_conn), reply_subject,
                                              reply_text);
             if (s != NATS_OK)
@@ -100,6 +107,11 @@ int s_start_handler_threads(fq_nats_config* config, const char* service, const c
 {
     if (!config || !config->_conn || !service || !request_handler || !terminate || number_of_threads <= 0) {
         log_error("NATS: invalid parameters for start_handler_threads");
+        return -1;
+    }
+    char why[128];
+    if (fq_nats_check_name(service, FQ_NAME_SERVICE, why, sizeof(why)) != 0) {
+        log_error("NATS: failed to subscribe to '%s': the subject %s", fq_nats_printable(service).c_str(), why);
         return -1;
     }
     auto* conn = static_cast<natsConnection*>(config->_conn);
@@ -160,6 +172,23 @@ int fq_nats_start_broadcast_handler_threads(fq_nats_config* config, const char* 
                                    number_of_threads);
 }
 
+int fq_nats_request_staged_key(json_object* request, std::string* key, std::string* refusal)
+{
+    json_object* key_obj = nullptr;
+    if (!request || !json_object_is_type(request, json_type_object) ||
+        !json_object_object_get_ex(request, "_kv_key", &key_obj))
+        return 0;
+    // Whatever the member holds, its text is the key; a non-text one rarely passes the check.
+    const char* k = json_object_get_string(key_obj);
+    *key = k ? k : "";
+    char why[128];
+    if (fq_nats_check_name(key->c_str(), FQ_NAME_KV_KEY, why, sizeof(why)) != 0) {
+        *refusal = "Scan request refused: _kv_key '" + fq_nats_printable(key->c_str()) + "' " + why;
+        return -1;
+    }
+    return 1;
+}
+
 void fq_worker_scan_execute(fq_nats_config* config, fq_request_handler_f_t handler, void* handler_config,
                             const void* msg_data, size_t msg_len, char** out_reply_json)
 {
@@ -179,15 +208,17 @@ void fq_worker_scan_execute(fq_nats_config* config, fq_request_handler_f_t handl
     std::unique_ptr<unsigned char, decltype(&free)> payload(nullptr, free);
     size_t payload_len = 0;
     bool payload_missing = false;
+    std::string refusal;
 
     s_json_ptr obj(json_tokener_parse(request_text.c_str()));
-    json_object* key_obj = nullptr;
-    if (obj && json_object_is_type(obj.get(), json_type_object) &&
-        json_object_object_get_ex(obj.get(), "_kv_key", &key_obj)) {
-        const char* k = json_object_get_string(key_obj);
-        key = k ? k : "";
+    const int has_key = obj ? fq_nats_request_staged_key(obj.get(), &key, &refusal) : 0;
+    if (has_key != 0) {
         unsigned char* data = nullptr;
-        if (kvstore_get_chunked(config, key.c_str(), &data, &payload_len) == 0) {
+        if (has_key < 0) {
+            // Never read, and never hand on to a service, a key the broker could misread.
+            log_error("NATS: %s (handler not invoked)", refusal.c_str());
+            payload_missing = true;
+        } else if (kvstore_get_chunked(config, key.c_str(), &data, &payload_len) == 0) {
             payload.reset(data);
         } else {
             log_error("NATS: could not retrieve staged payload for key '%s' — failing the request closed (handler not "
@@ -202,14 +233,15 @@ void fq_worker_scan_execute(fq_nats_config* config, fq_request_handler_f_t handl
     obj.reset();
 
     rr->request->json_txt = request_text.c_str();
-    if (!key.empty() || key_obj)
+    if (has_key != 0)
         rr->request->staged_data_key = key.c_str();
     rr->request->data = payload.get();
     rr->request->data_len = payload ? payload_len : 0;
 
     if (payload_missing) {
         // An object that could not be read must never be answered as if it were clean.
-        fq_reply_set_ERROR(&rr->reply->json_txt, SERVICE_ERROR, s_payload_unavailable);
+        fq_reply_set_ERROR(&rr->reply->json_txt, SERVICE_ERROR,
+                           refusal.empty() ? s_payload_unavailable : refusal.c_str());
     } else if (handler) {
         handler(handler_config, rr);
     }

@@ -15,6 +15,7 @@
 
 #include "fq_nats_client.h"
 #include "fq_nats_compat.h"
+#include "fq_nats_names.h"
 #include "log.h"
 
 namespace {
@@ -54,6 +55,17 @@ void s_set_error(char* errormsg, const char* text)
 {
     if (errormsg)
         snprintf(errormsg, 1024, "%s", text);
+}
+
+// Keys reach the bucket's subjects unchanged, so one that the protocol could misread never
+// gets that far; the caller sees an ordinary failure.
+bool s_key_ok(const char* key, const char* op)
+{
+    char why[128];
+    if (fq_nats_check_name(key, FQ_NAME_KV_KEY, why, sizeof(why)) == 0)
+        return true;
+    log_error("NATS: refusing KV %s of key '%s': it %s", op, fq_nats_printable(key).c_str(), why);
+    return false;
 }
 
 struct s_entry_destroy {
@@ -245,7 +257,7 @@ void generate_unique_key(char* buf, size_t buflen)
 int kv_put_with_ttl(fq_nats_config* config, const char* bucket, kvStore* kv, const char* key, const void* data,
                     int len, int64_t ttl_ms)
 {
-    if (!config || !bucket || !kv || !key || len < 0)
+    if (!config || !bucket || !kv || !key || len < 0 || !s_key_ok(key, "put"))
         return -1;
     auto* js = static_cast<jsCtx*>(config->_js);
     if (ttl_ms >= 1 && js && !s_kv_msg_ttl_unsupported.load()) {
@@ -343,7 +355,7 @@ int kv_put_chunks_pipelined(fq_nats_config* config, const char* key, const void*
 
 int kvstore_put_chunked(fq_nats_config* config, const char* key, const void* data, size_t data_len, int64_t ttl_ms)
 {
-    if (!config || !key || (!data && data_len > 0))
+    if (!config || !key || (!data && data_len > 0) || !s_key_ok(key, "put"))
         return -1;
     // Without a store nothing can be written, and nothing is learned about TTL support.
     if (!config->_js || !get_kvstore(config))
@@ -392,7 +404,7 @@ natsStatus kv_get_retry(kvStore* kv, const char* key, kvEntry** out_entry)
 
 int kvstore_get_chunked(fq_nats_config* config, const char* key, unsigned char** out_data, size_t* out_len)
 {
-    if (!config || !key || !out_data || !out_len)
+    if (!config || !key || !out_data || !out_len || !s_key_ok(key, "get"))
         return -1;
     kvStore* kv = get_kvstore(config);
     if (!kv)
@@ -430,18 +442,37 @@ int kvstore_get_chunked(fq_nats_config* config, const char* key, unsigned char**
             log_error("NATS: KV get chunk '%s' failed after retries: %s", chunk_key, natsStatus_GetText(s));
             return -1;
         }
+        // Every chunk holds exactly its share: bytes that do not fit the metadata would be
+        // scanned by nobody, or scanned by a service that reads the object differently.
         const void* cdata = kvEntry_Value(chunk.get());
         const int clen = kvEntry_ValueLen(chunk.get());
-        if (!cdata || clen < 1)
-            continue;
-        if ((size_t)clen > size - filled)
-            continue;
-        memcpy(buf.get() + filled, cdata, (size_t)clen);
+        const size_t expect = std::min(FQ_KV_CHUNK_SIZE, size - filled);
+        if (clen < 0 || (size_t)clen != expect || (clen > 0 && !cdata)) {
+            log_error("NATS: KV payload '%s' refused: chunk %zu holds %d bytes where the metadata announces %zu", key,
+                      i, clen, expect);
+            return -1;
+        }
+        if (clen > 0)
+            memcpy(buf.get() + filled, cdata, (size_t)clen);
         filled += (size_t)clen;
     }
-    // Whatever the chunks fail to cover would reach a scanner as bytes nobody sent.
     if (filled != size) {
         log_error("NATS: KV payload '%s' incomplete: chunks hold %zu of %zu bytes", key, filled, size);
+        return -1;
+    }
+    // A chunk past the announced ones means the object is not what its metadata says.
+    char extra_key[256];
+    if (!s_chunk_key(extra_key, sizeof(extra_key), key, chunks)) {
+        log_error("NATS: KV get chunk '%s' failed after retries: %s", key, "key too long");
+        return -1;
+    }
+    kvEntry* xraw = nullptr;
+    s = kvStore_Get(&xraw, kv, extra_key);
+    kvEntry_Destroy(xraw);
+    if (s != NATS_NOT_FOUND) {
+        log_error("NATS: KV payload '%s' refused: %s", key,
+                  s == NATS_OK ? "a chunk beyond those its metadata announces exists"
+                               : "could not make sure that no chunk beyond the announced ones exists");
         return -1;
     }
     *out_data = buf.release();
@@ -452,7 +483,7 @@ int kvstore_get_chunked(fq_nats_config* config, const char* key, unsigned char**
 
 void kvstore_delete_chunked(fq_nats_config* config, const char* key)
 {
-    if (!config || !key)
+    if (!config || !key || !s_key_ok(key, "delete"))
         return;
     kvStore* kv = get_kvstore(config);
     if (!kv)
@@ -506,7 +537,7 @@ void fq_nats_unstage_scan_data(fq_nats_config* config, const char* key)
 
 int fq_nats_registry_put(fq_nats_config* config, const char* key, const char* json, int64_t ttl_ms)
 {
-    if (!config || !key || !*key || !json)
+    if (!config || !key || !*key || !json || !s_key_ok(key, "put"))
         return -1;
     kvStore* kv = get_registry_kvstore(config);
     if (!kv)
@@ -518,7 +549,7 @@ int fq_nats_registry_put(fq_nats_config* config, const char* key, const char* js
 
 void fq_nats_registry_delete(fq_nats_config* config, const char* key)
 {
-    if (!config || !key || !*key)
+    if (!config || !key || !*key || !s_key_ok(key, "delete"))
         return;
     kvStore* kv = get_registry_kvstore(config);
     if (!kv)
@@ -532,7 +563,7 @@ int fq_nats_kv_get(fq_nats_config* config, const char* bucket, const char* key, 
         *out_value = nullptr;
     if (out_len)
         *out_len = 0;
-    if (!config || !bucket || !key || !out_value || !*key)
+    if (!config || !bucket || !key || !out_value || !*key || !s_key_ok(key, "get"))
         return -1;
     kvStore* kv = get_kvstore_for(config, bucket);
     if (!kv)
@@ -563,7 +594,7 @@ int fq_nats_kv_get(fq_nats_config* config, const char* bucket, const char* key, 
 
 int fq_nats_kv_put(fq_nats_config* config, const char* bucket, const char* key, const char* json, int64_t ttl_ms)
 {
-    if (!config || !bucket || !key || !*key || !json)
+    if (!config || !bucket || !key || !*key || !json || !s_key_ok(key, "put"))
         return -1;
     kvStore* kv = get_kvstore_for(config, bucket);
     if (!kv)

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "fq_worker.h"
+#include "fq_nats_names.h"
 #include "fq_worker_forward_job.h"
 #include "fq_worker_scanobject.h"
 #include "fqhlp_timeout.h"
@@ -392,6 +393,20 @@ void s_set_reason(fq_worker_scan_result_t* result, const char* reason, const cha
     s_replace_text(&result->blocking_reason, reason);
 }
 
+// A file the service failed on must say so in words, or the client's -1000 would carry none.
+void s_name_silent_failures(fq_worker_scan_result_t* result, const char* service)
+{
+    for (int32_t i = 0; result->fileScanResults && i < result->no_of_files_scanned; i++) {
+        fq_worker_file_scan_result_t* f = result->fileScanResults[i];
+        if (!f || f->rc != SERVICE_ERROR || !s_empty(f->error))
+            continue;
+        char text[s_errbuf_len];
+        snprintf(text, sizeof(text), "Service %s reported an error for file %s without a text", service,
+                 s_empty(f->filename) ? "(unnamed)" : f->filename);
+        s_replace_text(&f->error, text);
+    }
+}
+
 // The transport of the scan path: one attempt, no extra time.
 json_object* s_send_via_connection(void* ctx, const char* service, fq_const_request_reply_t* rr, uint64_t timeout_ms,
                                    char* errormessage)
@@ -431,6 +446,40 @@ char** fq_worker_tokenize_services(char* services)
         n++;
     }
     return list;
+}
+
+int fq_worker_check_services(const char* services, char* error)
+{
+    if (!services)
+        return 0;
+    std::unique_ptr<char, decltype(&free)> copy(strdup(services), &free);
+    char** list = copy ? fq_worker_tokenize_services(copy.get()) : nullptr;
+    if (!list) {
+        s_set_error(error, "Failed to create services list");
+        return -1;
+    }
+    int rc = 0;
+    // Every name a token can lead to: the primary, then each link of its "+" chain.
+    for (char** token = list; *token && rc == 0; ++token) {
+        std::string name = *token;
+        for (;;) {
+            const size_t plus = name.find('+');
+            const std::string service = name.substr(0, plus);
+            char why[128];
+            if (fq_nats_check_name(service.c_str(), FQ_NAME_SERVICE, why, sizeof(why)) != 0) {
+                s_set_error(error, "Scan request refused: Services entry '%s' %s",
+                            fq_nats_printable(service.c_str()).c_str(), why);
+                log_error("%s", error ? error : "Scan request refused: invalid Services entry");
+                rc = -1;
+                break;
+            }
+            if (plus == std::string::npos || plus + 1 == name.size())
+                break;
+            name = "fq-av-" + name.substr(plus + 1);
+        }
+    }
+    fq_worker_free_services_list(&list);
+    return rc;
 }
 
 void fq_worker_free_services_list(char*** list)
@@ -589,6 +638,7 @@ int fq_worker_scan_with_service(fq_worker_service_send_f_t send, void* send_ctx,
                 s_fail(result, errormessage, false);
                 return SERVICE_ERROR;
             }
+            s_name_silent_failures(result, service.c_str());
             const std::string reason = s_reply_blocking_reason(reply.get());
 
             if (result->rc != SCAN_NOT_COMPLETED || !has_plus)
@@ -613,17 +663,6 @@ int fq_worker_scan_with_service(fq_worker_service_send_f_t send, void* send_ctx,
         s_fail(result, errormessage, true);
         return SERVICE_ERROR;
     }
-}
-
-// Scans with one service token over the worker's connection.
-static int s_fq_worker_RecursiveScanWithService(fq_connection_config* connection_config,
-                                                                 const char* service_in, const char* request_json_str,
-                                                                 const char* data, size_t datalen, uint64_t timeout_ms,
-                                                                 fq_worker_scan_result_t* result, char* errormessage,
-                                                                 const char* staged_data_key)
-{
-    return fq_worker_scan_with_service(s_send_via_connection, connection_config, service_in, request_json_str, data,
-                                       datalen, timeout_ms, result, errormessage, staged_data_key);
 }
 
 // ---------------------------------------------------------------------------
@@ -718,6 +757,17 @@ int fqworker_RecursiveScan(const char* name, const char* data, size_t datalen, f
                            fq_worker_scan_result_t* result, char* error, char** blocking_reason,
                            bool UseSharedMemoryForRecursion, uint64_t timeout_ms, const char* inbound_kv_key)
 {
+    fq_connection_config* cfg =
+        scanobject && scanobject->worker_config ? scanobject->worker_config->connection_config : nullptr;
+    return fqworker_RecursiveScan_via(s_send_via_connection, cfg, name, data, datalen, scanobject, result, error,
+                                      blocking_reason, UseSharedMemoryForRecursion, timeout_ms, inbound_kv_key);
+}
+
+int fqworker_RecursiveScan_via(fq_worker_service_send_f_t send, void* send_ctx, const char* name, const char* data,
+                               size_t datalen, fq_worker_scanobject_t* scanobject, fq_worker_scan_result_t* result,
+                               char* error, char** blocking_reason, bool UseSharedMemoryForRecursion,
+                               uint64_t timeout_ms, const char* inbound_kv_key)
+{
     (void)UseSharedMemoryForRecursion;  // objects never travel through shared memory
     const uint64_t enter_time_ms = fq_current_time_ms();
     if (!scanobject || !scanobject->scanjob_json || !scanobject->worker_config || !result) {
@@ -727,6 +777,14 @@ int fqworker_RecursiveScan(const char* name, const char* data, size_t datalen, f
     }
     json_object* job = scanobject->scanjob_json;
     fq_connection_config* cfg = scanobject->worker_config->connection_config;
+
+    // A job that names a subject the broker could misread is refused whatever else it says.
+    json_object* services_member = nullptr;
+    if (json_object_object_get_ex(job, "Services", &services_member) &&
+        fq_worker_check_services(json_object_get_string(services_member), error) != 0) {
+        result->rc = SERVICE_ERROR;
+        return SERVICE_ERROR;
+    }
 
     if (scanobject->recursion_level >= scanobject->SCANEXTRACT_DEPTH) {
         free(result->blocking_reason);
@@ -882,8 +940,8 @@ int fqworker_RecursiveScan(const char* name, const char* data, size_t datalen, f
         }
         const uint64_t remaining_time_ms = fq_remaining_time_ms(enter_time_ms, timeout_ms);
         log_debug("Scanning with service %s, timeout: %dms", *token, static_cast<int>(remaining_time_ms));
-        const int rc = s_fq_worker_RecursiveScanWithService(cfg, *token, request_json_txt, i_data, i_datalen,
-                                                            remaining_time_ms, this_scan.get(), error, nullptr);
+        const int rc = fq_worker_scan_with_service(send, send_ctx, *token, request_json_txt, i_data, i_datalen,
+                                                   remaining_time_ms, this_scan.get(), error, nullptr);
         log_debug("Service %s returns %d", *token, rc);
 
         if (rc == SCAN_OK && strcmp(*token, "fq-av-mimescan") == 0) {

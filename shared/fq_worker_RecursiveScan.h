@@ -22,6 +22,10 @@
 // Null only when out of memory. Release with fq_worker_free_services_list.
 char** fq_worker_tokenize_services(char* services);
 void fq_worker_free_services_list(char*** list);
+// 0 when every service a list of tokens can lead to (each primary and each link of its "+"
+// chain) has a name that may go on the broker; otherwise -1 and error (1024 bytes, may be
+// null) names the Services entry and what is wrong with it. Nothing is sent either way.
+int fq_worker_check_services(const char* services, char* error);
 
 // Reads a service reply into result, all or nothing. On success (0) result's rc is the reply's
 // code, its entries are replaced by the reply's and, for SERVICE_ERROR, its error by the reply's
@@ -64,3 +68,9 @@ struct fq_worker_scanobject_t;
 int fqworker_RecursiveScan(const char* name, const char* data, size_t datalen, fq_worker_scanobject_t* scanobject,
                            fq_worker_scan_result_t* result, char* error, char** blocking_reason,
                            bool UseSharedMemoryForRecursion, uint64_t timeout_ms, const char* inbound_kv_key);
+// The same walk over another transport for the service requests (staging still goes through the
+// job's connection): what tests and fuzzing use to watch every request the walk would make.
+int fqworker_RecursiveScan_via(fq_worker_service_send_f_t send, void* send_ctx, const char* name, const char* data,
+                               size_t datalen, fq_worker_scanobject_t* scanobject, fq_worker_scan_result_t* result,
+                               char* error, char** blocking_reason, bool UseSharedMemoryForRecursion,
+                               uint64_t timeout_ms, const char* inbound_kv_key);

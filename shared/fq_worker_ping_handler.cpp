@@ -59,7 +59,7 @@ int s_handle_shutdown(fq_worker_config_t* config, json_object* request, fq_messa
         log_warn("secret mismatch (Local: \"%s\" remote: \"%s\") - not shutting down",
                  config->secret ? config->secret : "", secret);
         if (reply)
-            fq_reply_set_return_code(&reply->json_txt, SERVICE_ERROR);
+            fq_reply_set_ERROR(&reply->json_txt, SERVICE_ERROR, "Secret mismatch");
         return 0;
     }
     if (reply)
@@ -79,7 +79,7 @@ int s_handle_ready(fq_worker_config_t* config, json_object* request, fq_message_
         log_warn("secret mismatch (Local: \"%s\" remote: \"%s\") ", config->update_secret ? config->update_secret : "",
                  secret);
         if (reply)
-            fq_reply_set_return_code(&reply->json_txt, SERVICE_ERROR);
+            fq_reply_set_ERROR(&reply->json_txt, SERVICE_ERROR, "Secret mismatch");
         return 0;
     }
     log_info("Temporary worker is ready. Completing update-restart");

@@ -339,7 +339,8 @@ int fq_worker_create_scan_results_summary(fq_worker_scan_result_t* result)
 
         if (file->rc <= result->rc) {
             result->rc = file->rc;
-            if (file->error)
+            // An entry without a text never wipes out the reason an earlier one gave.
+            if (!s_empty(file->error))
                 s_replace_text(&result->error, file->error);
         }
     }
@@ -366,7 +367,8 @@ char* fq_worker_create_scan_reply(fq_worker_scan_result_t* result)
     if (result->rc == SERVICE_ERROR) {
         // A failed scan carries no file verdicts, however many the record holds.
         const char* host = fqhlp_GetMyFQDN();
-        if (!s_add_member(reply.get(), "Error", json_object_new_string(s_or_empty(result->error))) ||
+        const char* error = s_empty(result->error) ? FQ_SCAN_ERROR_WITHOUT_TEXT : result->error;
+        if (!s_add_member(reply.get(), "Error", json_object_new_string(error)) ||
             !s_add_member(reply.get(), "WorkerHostname", json_object_new_string(s_or_empty(host))))
             return nullptr;
     } else {

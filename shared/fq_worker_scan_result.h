@@ -13,6 +13,9 @@ typedef int VS_OBJECTTYPE_T;
 #define VS_OT_UNKNOWN (-1)
 #endif
 
+// The Error of a failed scan when nothing on the way said what failed: a -1000 always carries a text.
+#define FQ_SCAN_ERROR_WITHOUT_TEXT "Scan failed, and no step of it said why"
+
 // Longest text of the summary's combined blocking reasons.
 #define FQ_SCAN_REASONS_MAX 4096
 

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "fq_request_reply_types.h"
 #include "log.h"
 
 namespace {
@@ -45,6 +46,8 @@ int fq_reply_set_OK(char** json_txt)
 
 int fq_reply_set_return_code(char** json_txt, int return_code)
 {
+    if (return_code == SERVICE_ERROR)
+        return fq_reply_set_ERROR(json_txt, return_code, nullptr);
     char buf[64];
     snprintf(buf, sizeof(buf), "{\"ReturnCode\": %d}", return_code);
     return s_set_text(json_txt, buf);
@@ -56,6 +59,9 @@ int fq_reply_set_ERROR(char** json_txt, int return_code, const char* error_msg)
     if (gethostname(host, sizeof(host)) != 0)
         host[0] = '\0';
     host[sizeof(host) - 1] = '\0';
+    // A -1000 tells the client what failed; an empty text would tell it nothing.
+    if (return_code == SERVICE_ERROR && (!error_msg || !*error_msg))
+        error_msg = "Request failed, and no step of it said why";
     std::string text = "{\"ReturnCode\": " + std::to_string(return_code) + ", \"Error\": " + s_json_quoted(error_msg) +
                        ", \"WorkerHostname\": " + s_json_quoted(host) + "}";
     return s_set_text(json_txt, text);

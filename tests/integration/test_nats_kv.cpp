@@ -228,26 +228,74 @@ TEST_F(NatsKvTest, ForgedOrBrokenMetadataFailsClosed)
     EXPECT_TRUE(cap.contains("NATS: KV metadata parse failed for"));
 }
 
-TEST_F(NatsKvTest, MissingOrShortChunksFailTheRead)
+TEST_F(NatsKvTest, StagedObjectsAreReadStrictly)
 {
-    // Announced two chunks, only the first is there: found missing after the catch-up wait.
-    const std::string key = unique_key();
-    put_raw(key, "{\"chunks\":2,\"size\":524300}");
-    put_raw(key + "-0", std::string(FQ_KV_CHUNK_SIZE, 'a'));
-    unsigned char* out = nullptr;
-    size_t out_len = 0;
+    // Every byte of an object is accounted for by its metadata, or the object is not read.
+    struct Case {
+        const char* name;
+        std::string meta;
+        std::vector<std::string> chunks;  // written as <key>-0, <key>-1, ...
+        const char* log;
+    };
+    const std::string eicar = "X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
+    const std::vector<Case> cases = {
+        {"chunk longer than an empty object", "{\"chunks\":1,\"size\":0}", {eicar}, "refused: chunk 0 holds"},
+        {"chunk longer than announced", "{\"chunks\":1,\"size\":10}", {"0123456789X"}, "refused: chunk 0 holds"},
+        {"chunk shorter than announced", "{\"chunks\":1,\"size\":100}", {std::string(50, 'b')}, "refused: chunk 0"},
+        {"first of two chunks short", "{\"chunks\":2,\"size\":524300}",
+         {std::string(FQ_KV_CHUNK_SIZE - 1, 'a'), std::string(13, 'c')}, "refused: chunk 0"},
+        {"second chunk missing", "{\"chunks\":2,\"size\":524300}", {std::string(FQ_KV_CHUNK_SIZE, 'a')},
+         "-1' failed after retries"},
+        {"chunk beyond the announced ones", "{\"chunks\":1,\"size\":10}", {"0123456789", "more"},
+         "a chunk beyond those its metadata announces exists"},
+    };
     fqtest::StderrCapture cap;
-    EXPECT_EQ(kvstore_get_chunked(cfg_, key.c_str(), &out, &out_len), -1);
-    EXPECT_EQ(out, nullptr);
-    EXPECT_TRUE(cap.contains("NATS: KV get chunk '" + key + "-1' failed after retries"));
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string key = unique_key();
+        put_raw(key, c.meta);
+        for (size_t i = 0; i < c.chunks.size(); ++i)
+            put_raw(key + "-" + std::to_string(i), c.chunks[i]);
+        unsigned char* out = nullptr;
+        size_t out_len = 0;
+        EXPECT_EQ(kvstore_get_chunked(cfg_, key.c_str(), &out, &out_len), -1);
+        EXPECT_EQ(out, nullptr);
+        EXPECT_TRUE(cap.contains(c.log)) << cap.text();
+    }
+}
 
-    // Chunks that cover less than the size would hand out bytes nobody sent.
-    const std::string short_key = unique_key();
-    put_raw(short_key, "{\"chunks\":1,\"size\":100}");
-    put_raw(short_key + "-0", std::string(50, 'b'));
-    EXPECT_EQ(kvstore_get_chunked(cfg_, short_key.c_str(), &out, &out_len), -1);
-    EXPECT_EQ(out, nullptr);
-    EXPECT_TRUE(cap.contains("incomplete"));
+TEST_F(NatsKvTest, NamesTheBrokerCouldMisreadNeverReachIt)
+{
+    auto* nc = static_cast<natsConnection*>(cfg_->_conn);
+    natsSubscription* tap = nullptr;
+    ASSERT_EQ(natsConnection_SubscribeSync(&tap, nc, "probe.>"), NATS_OK);
+    const std::vector<std::string> bad = {"a b", "x\r\nPUB probe.injected 5\r\nhello", std::string(4000, 'k'), "a*",
+                                          ".lead", "a..b", ""};
+    for (const std::string& key : bad) {
+        SCOPED_TRACE(key.substr(0, 40));
+        char err[1024] = "";
+        EXPECT_EQ(fq_connection_send_recv_json(cfg_, key.c_str(), "{}", 200, 0, err), nullptr);
+        EXPECT_NE(std::string(err).find("NATS: refusing the service name"), std::string::npos) << err;
+        unsigned char* out = nullptr;
+        size_t out_len = 0;
+        EXPECT_EQ(kvstore_put_chunked(cfg_, key.c_str(), "abc", 3, 5000), -1);
+        EXPECT_EQ(kvstore_get_chunked(cfg_, key.c_str(), &out, &out_len), -1);
+        EXPECT_EQ(fq_connection_registry_put(cfg_, key.c_str(), "{}", 5000), -1);
+        EXPECT_EQ(fq_nats_kv_put(cfg_, FQ_KV_REGISTRY_BUCKET, key.c_str(), "{}", 5000), -1);
+    }
+    // Nothing of it was written under any name the bucket could hold.
+    kvStore* kv = get_registry_kvstore(cfg_);
+    ASSERT_NE(kv, nullptr);
+    kvKeysList keys{};
+    const natsStatus s = kvStore_Keys(&keys, kv, nullptr);
+    EXPECT_TRUE(s == NATS_OK || s == NATS_NOT_FOUND);
+    for (int i = 0; i < keys.Count; ++i)
+        EXPECT_EQ(std::string(keys.Keys[i]).find("probe"), std::string::npos) << keys.Keys[i];
+    kvKeysList_Destroy(&keys);
+    natsMsg* injected = nullptr;
+    EXPECT_EQ(natsSubscription_NextMsg(&injected, tap, 300), NATS_TIMEOUT);
+    natsMsg_Destroy(injected);
+    natsSubscription_Destroy(tap);
 }
 
 TEST_F(NatsKvTest, ReplicaCatchUpFindsLateKeyAndGivesUpAfterHalfASecond)

@@ -29,6 +29,17 @@ Reply s_call(fq_request_handler_f_t handler, void* params, const char* json)
     return r;
 }
 
+// A refused control message: -1000 with the reason in words.
+#define EXPECT_REFUSED(text)                                                          \
+    do {                                                                              \
+        fq_json_ptr r_(json_tokener_parse(std::string(text).c_str()));                \
+        json_object *rc_ = nullptr, *err_ = nullptr;                                  \
+        ASSERT_TRUE(r_ && json_object_object_get_ex(r_.get(), "ReturnCode", &rc_));    \
+        EXPECT_EQ(-1000, json_object_get_int(rc_));                                   \
+        ASSERT_TRUE(json_object_object_get_ex(r_.get(), "Error", &err_));              \
+        EXPECT_STREQ("Secret mismatch", json_object_get_string(err_));                \
+    } while (0)
+
 class Control : public ::testing::Test {
 protected:
     fq_worker_config_t cfg{};
@@ -74,10 +85,10 @@ TEST_F(Control, ShutdownNeedsTheRightSecret)
 {
     cfg.secret = local_secret;
     Reply wrong = control("{ \"Command\" : 9 , \"Secret\":\"0123456789abcdefghijABCDEFGHIJxz\"}");
-    EXPECT_EQ("{\"ReturnCode\": -1000}", wrong.text);
+    EXPECT_REFUSED(wrong.text);
     EXPECT_EQ(0, killed);
     Reply shorter = control("{ \"Command\" : 9 , \"Secret\":\"0123456789abcdefghij\"}");
-    EXPECT_EQ("{\"ReturnCode\": -1000}", shorter.text);
+    EXPECT_REFUSED(shorter.text);
     EXPECT_EQ(0, killed);
     EXPECT_FALSE(control("{ \"Command\" : 9 }").sent);
     EXPECT_FALSE(control("{ \"Command\" : 9 , \"Secret\":\"\"}").sent);
@@ -93,12 +104,12 @@ TEST_F(Control, ShutdownNeedsTheRightSecret)
 TEST_F(Control, WithoutALocalSecretNothingMatches)
 {
     cfg.secret = nullptr;
-    EXPECT_EQ("{\"ReturnCode\": -1000}", control("{ \"Command\" : 9 , \"Secret\":\"anything\"}").text);
+    EXPECT_REFUSED(control("{ \"Command\" : 9 , \"Secret\":\"anything\"}").text);
     cfg.update_secret = nullptr;
-    EXPECT_EQ("{\"ReturnCode\": -1000}", control("{ \"Command\" : 4 , \"Secret\":\"anything\"}").text);
+    EXPECT_REFUSED(control("{ \"Command\" : 4 , \"Secret\":\"anything\"}").text);
     char empty[1] = "";
     cfg.secret = empty;
-    EXPECT_EQ("{\"ReturnCode\": -1000}", control("{ \"Command\" : 9 , \"Secret\":\"x\"}").text);
+    EXPECT_REFUSED(control("{ \"Command\" : 9 , \"Secret\":\"x\"}").text);
     EXPECT_EQ(0, killed);
     EXPECT_EQ(WAITING_FOR_TEMP_WORKER, update.status);
 }
@@ -106,7 +117,7 @@ TEST_F(Control, WithoutALocalSecretNothingMatches)
 TEST_F(Control, ReadyStoresTheTemporaryWorkerAndThenTheStatus)
 {
     cfg.update_secret = update_secret;
-    EXPECT_EQ("{\"ReturnCode\": -1000}", control("{ \"Command\" : 4 , \"Secret\":\"nope\"}").text);
+    EXPECT_REFUSED(control("{ \"Command\" : 4 , \"Secret\":\"nope\"}").text);
     EXPECT_EQ(WAITING_FOR_TEMP_WORKER, update.status);
 
     char msg[2048];

@@ -192,7 +192,11 @@ TEST(Replies, ErrorTextIsEscaped)
     EXPECT_EQ(-1000, s_return_code(text));
     EXPECT_EQ(nasty, s_error_text(text));
     free(text);
+    // A -1000 never goes out without words; other codes may.
     ASSERT_EQ(0, fq_reply_set_ERROR(&text, -1000, nullptr));
+    EXPECT_FALSE(s_error_text(text).empty());
+    free(text);
+    ASSERT_EQ(0, fq_reply_set_ERROR(&text, -200, ""));
     EXPECT_EQ("", s_error_text(text));
     free(text);
 }

@@ -331,8 +331,9 @@ TEST(ScanReply, FailuresCarryErrorAndHostButNoFiles)
                                              "  \"Error\":\"Failed to get reply from service x\",\n"
                                              "  \"WorkerHostname\":\"") +
                                      host + "\"\n}");
-    // A null error is an empty text; a null record still gets an error reply.
-    EXPECT_NE(reply_of(with(SERVICE_ERROR, {}).get()).find("\"Error\":\"\","), std::string::npos);
+    // A failure without any text still says that nothing said why; a null record still gets an error reply.
+    EXPECT_NE(reply_of(with(SERVICE_ERROR, {}).get()).find("\"Error\":\"" FQ_SCAN_ERROR_WITHOUT_TEXT "\","),
+              std::string::npos);
     json_object* bare = json_tokener_parse(reply_of(nullptr).c_str());
     json_object *code = nullptr, *error = nullptr;
     EXPECT_TRUE(json_object_object_get_ex(bare, "ReturnCode", &code));
