@@ -7,8 +7,8 @@
 #include <string.h>
 #include <strings.h>
 
-#include <memory>
 
+#include "fq_raii.h"
 #include "log.h"
 
 namespace {
@@ -29,11 +29,6 @@ void s_fail(char* errmsg, const char* fmt, ...)
         snprintf(errmsg, s_errmsg_len, "%s", text);
     log_error("%s", text);
 }
-
-struct s_scanobject_deleter {
-    void operator()(fq_worker_scanobject_t* p) const { fq_worker_FreeScanObject(&p); }
-};
-using s_scanobject_ptr = std::unique_ptr<fq_worker_scanobject_t, s_scanobject_deleter>;
 
 bool s_copy_text(const char* key, const char* text, char** dst, char* errmsg)
 {
@@ -256,7 +251,7 @@ int32_t fq_worker_shmid_from_text(const char* text)
 
 fq_worker_scanobject_t* fq_worker_GetScanJobDetails(json_object* job, char* errmsg)
 {
-    s_scanobject_ptr so(static_cast<fq_worker_scanobject_t*>(calloc(1, sizeof(fq_worker_scanobject_t))));
+    fq_scanobject_ptr so(static_cast<fq_worker_scanobject_t*>(calloc(1, sizeof(fq_worker_scanobject_t))));
     if (!so) {
         s_fail(errmsg, "Failed to allocate scanobject struct");
         return nullptr;

@@ -156,7 +156,7 @@ bool s_store(json_object* request, const unsigned char* data, size_t len, bool e
     const std::string object_name = id + ".bin";
     const std::string meta_name = id + ".json";
 
-    peer_json_ptr meta(json_object_new_object());
+    fq_json_ptr meta(json_object_new_object());
     if (!meta) {
         *error = "out of memory";
         return false;
@@ -192,7 +192,7 @@ int s_quarantine_handler(void* context, fq_const_request_reply_t* rr)
     (void)context;
     if (!rr || !rr->reply)
         return -1;
-    peer_json_ptr request(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
+    fq_json_ptr request(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
     if (!request) {
         peer_set_error(rr, SERVICE_ERROR, "Invalid request: not a JSON object");
         return -1;
@@ -286,7 +286,7 @@ int s_quarantine_handler(void* context, fq_const_request_reply_t* rr)
     log_info("Quarantined %s (%zu bytes%s) as %s", name.c_str(), object_size, encrypted ? ", decrypted" : "",
              stored.c_str());
 
-    peer_json_ptr reply(json_object_new_object());
+    fq_json_ptr reply(json_object_new_object());
     if (!reply) {
         peer_set_error(rr, SERVICE_ERROR, "Failed to allocate %s", "reply");
         return -1;

@@ -12,7 +12,7 @@ int s_control_handler(void* context, fq_const_request_reply_t* rr)
     if (!rr || !rr->reply)
         return -1;
     if (rr->request && rr->request->json_txt) {
-        peer_json_ptr request(peer_parse_object(rr->request->json_txt));
+        fq_json_ptr request(peer_parse_object(rr->request->json_txt));
         log_debug("Control request, command %d", request ? peer_read_command(request.get()) : -1);
     }
     fq_reply_set_OK(&rr->reply->json_txt);

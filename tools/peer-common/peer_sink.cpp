@@ -95,7 +95,7 @@ int s_sink_handler(void* context, fq_const_request_reply_t* rr)
     (void)context;
     if (!rr || !rr->reply)
         return -1;
-    peer_json_ptr record(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
+    fq_json_ptr record(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
     if (!record) {
         peer_set_error(rr, -1, "Request is not a JSON object; not written");
         return -1;
