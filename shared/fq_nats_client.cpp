@@ -1,3 +1,9 @@
+// The NATS transport: the connection (options, TLS, the start-up connect loop, the library's own
+// reconnects), the work-queue names, and core request/reply with a short back-off for a service
+// that has not subscribed yet. Each service call of a scan job goes out through
+// fq_nats_send_recv_json_data, which stages a payload that has no key yet and sends only the key.
+// It never retries what a retry cannot cure (credentials, certificates), and a reply that is not
+// whole JSON is no reply.
 #include "fq_nats_client.h"
 
 #include <stdio.h>

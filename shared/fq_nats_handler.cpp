@@ -1,4 +1,9 @@
-// Serving side of core NATS: queue subscriptions, their threads, and one request through a handler.
+// The serving side of core NATS: a queue subscription per started thread, the threads that take
+// requests from it, and fq_worker_scan_execute, which turns one message into one handler call (the
+// payload named by _kv_key read from the store, that member hidden from the handler) and returns the
+// reply text. This is where a scan job enters the worker and where its reply leaves it. A payload
+// that cannot be read is answered SERVICE_ERROR without calling the handler: an object nobody has
+// seen must never be called clean.
 #include <errno.h>
 #include <pthread.h>
 #include <stdlib.h>

@@ -1,4 +1,9 @@
-// Staged payloads in the KV store, the bucket handle cache and the registry's KV access.
+// Staged payloads in the KV store and the registry's KV access. An object travels once: chunked into
+// fq-av-scan-data under one key with its metadata record written last, read back whole by whoever
+// gets the key, deleted by whoever staged it, and everything written carries a time to live. Bucket
+// handles are bound once and cached for all threads. Metadata read from a bucket is untrusted: size
+// and chunk count are checked before anything is allocated, and a payload whose chunks do not cover
+// it byte for byte is never handed out.
 #include <inttypes.h>
 #include <pthread.h>
 #include <stdio.h>

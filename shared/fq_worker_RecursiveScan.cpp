@@ -1,3 +1,9 @@
+// The scan driver: walks one object through the services of its job. It applies the limits the
+// worker decides alone (depth, empty object, SCAN_MIN_SIZE, SCAN_MAX_SIZE), stages the object once or
+// reuses the client's key, builds the forwarded job once, and asks each service in turn with what is
+// left of the time budget, merging each answer into the consolidated result. Every reply is read as
+// untrusted: anything but a well-formed verdict with a known code is a service failure, so no
+// failure anywhere in the chain can end in a clean verdict.
 #include "fq_worker_RecursiveScan.h"
 
 #include <errno.h>

@@ -1,3 +1,8 @@
+// Verdicts: a record per file, the consolidated record of a request, the merge of each service's
+// entries into it, the summary that works verdicts up from nested files to their parents, and the
+// reply text the client gets. This is the last step of a scan job before its reply leaves. A merge
+// only ever makes a verdict worse, never better, and a failed scan's reply carries its error and no
+// file verdicts.
 #include "fq_worker_scan_result.h"
 
 #include <errno.h>

@@ -1,3 +1,7 @@
+// The reader of a client's scan job: fills the record the driver works from, leniently for numbers
+// and strictly for the members a job cannot do without. It is the first step of a scan after the
+// dispatcher's checks. It copies what it keeps and never changes the job; a missing mandatory member,
+// or a negative length, depth or time budget, fails the job before any service is asked.
 #include "fq_worker_scanobject.h"
 
 #include <math.h>

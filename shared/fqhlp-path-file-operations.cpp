@@ -1,3 +1,7 @@
+// Path and file helpers of the foundation: tests on paths, the creation and removal of folders, and
+// copies of files and trees below the worker's base directory. Removal never follows a symbolic link
+// out of the tree it was given and never blocks on a FIFO where a folder was expected; a copy never
+// overwrites what is already there.
 #include "fqhlp-path-file-operations.h"
 
 #include <dirent.h>

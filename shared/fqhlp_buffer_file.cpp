@@ -1,3 +1,6 @@
+// Whole buffers to and from files; the worker writes its .running_version this way at start. A
+// failure is logged and reported to the caller, and a short read is a failure: a partly filled
+// buffer is never passed off as the whole file.
 #include "fqhlp_buffer_file.h"
 
 #include <stdio.h>

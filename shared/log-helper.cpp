@@ -1,3 +1,7 @@
+// The trace file's set-up: its cross-process lock (a named semaphore per file) and the rotation of a
+// full file into a zip archive. Every line written to the file passes the lock; a line logged from
+// inside the lock or the rotation goes to stderr only, so the log never waits on itself. A failed
+// rotation keeps the trace file as it is and leaves no partial archive behind.
 #include "log-helper.h"
 
 #include <errno.h>

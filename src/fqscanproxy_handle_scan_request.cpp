@@ -1,3 +1,8 @@
+// The scan request of this service: reads the job into its record, runs the scan driver over the
+// object within SCANTIMEOUT, summarises the verdicts and writes the client's reply. The dispatcher
+// calls it for SCAN_ONLY and SCAN_CLEAN on the serving thread that took the job. Every failure (a job
+// that cannot be read, a failure of the driver's own) ends in a SERVICE_ERROR reply with its reason,
+// never in a clean one.
 #include <json-c/json.h>
 #include <stdio.h>
 #include <stdlib.h>

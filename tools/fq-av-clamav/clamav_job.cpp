@@ -1,3 +1,7 @@
+// One scan job of fq-av-clamav: the object's bytes scanned by the engine, archives unpacked level by
+// level with libarchive (its built-in filters only, never an external program) within the job's depth,
+// file, byte and time limits, and one reply entry per file. Whatever cannot be unpacked or read ends
+// in SCAN_NOT_COMPLETED with its reason; a job without all of its bytes is an error, never clean.
 #include "clamav_job.h"
 
 #include <archive.h>

@@ -1,6 +1,8 @@
-// fq-av-mimescan: a scan service that tells what an object is. For the staged object of a job
-// it reports one result entry with the MIME type, the MIME encoding, the description and the
-// extension that libmagic finds; it never blocks anything by itself.
+// fq-av-mimescan: a scan service that tells what an object is, usually the first of a job's services,
+// so that the worker can pass its findings on to the services after it. For the staged object of a
+// job it reports one result entry with the MIME type, the MIME encoding, the description and the
+// extension that libmagic finds. It never blocks anything by itself, and an object whose bytes are not
+// all there is an error, never a type.
 #include <errno.h>
 #include <magic.h>
 #include <stdio.h>

@@ -1,6 +1,8 @@
-// fq-av-quarantine: the quarantine store behind fq-av-quarantine.<key>. Each object a worker
-// hands over is kept in a directory as <id>.bin with its metadata in <id>.json beside it;
-// encrypted objects are decrypted with the keys derived from the configured pass phrases first.
+// fq-av-quarantine: the quarantine store behind fq-av-quarantine.<key>, which a worker hands an object
+// to when its scan found something and its job asks for quarantine. Each object is kept in a directory
+// as <id>.bin with its metadata in <id>.json beside it; encrypted objects are decrypted first with the
+// keys derived from the configured pass phrases. It never writes outside its directory, never keeps
+// an object it could not decrypt, and a file appears only once it is complete.
 #include <errno.h>
 #include <fcntl.h>
 #include <sodium.h>

@@ -1,5 +1,7 @@
-// fq-av-scan: scans files and directory trees through the broker with fq-av-scanproxy and prints
-// a verdict per file, the way command-line virus scanners do.
+// fq-av-scan: scans files and directory trees through the broker with fq-av-scanproxy and prints a
+// verdict per file, the way command-line virus scanners do. It is the client end of a scan job: it
+// reads each file, stages it, sends the job and removes the staging again, whatever the outcome.
+// Anything but a verdict in the words of the wire is reported as an error, never as OK.
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>

@@ -1,3 +1,6 @@
+// fq-av-scan's side of the wire: the policy (defaults, then a policy file, then the options), the job
+// text for one file, and the reading of the worker's reply into a verdict. The reply is untrusted:
+// only a well-formed scan reply with a known code is a verdict, and nothing else ever reads as OK.
 #include "scan_job.h"
 
 #include <errno.h>

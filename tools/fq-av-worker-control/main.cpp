@@ -1,5 +1,6 @@
-// fq-av-worker-control: the control service a worker pings before it takes work. Every request
-// on fq-av-worker-control is answered {"ReturnCode": 0}.
+// fq-av-worker-control: the control service a worker pings before it takes work; until it answers,
+// a worker waits and takes no scan jobs. Every request on fq-av-worker-control is answered
+// {"ReturnCode": 0}: this reference peer holds no state and never refuses.
 #include "fqhlp_replies.h"
 #include "log.h"
 #include "peer_common.h"
