@@ -15,7 +15,6 @@
 #include <ctime>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
@@ -27,6 +26,7 @@
 #include "bench_load.h"
 #include "bench_peers.h"
 #include "fq_provision.h"
+#include "fq_raii.h"
 #include "log.h"
 #include "nats_server.h"
 #include "process_util.h"
@@ -492,7 +492,7 @@ int s_run(const Options& o)
         }
     }
 
-    std::unique_ptr<natsConnection, void (*)(natsConnection*)> peer(s_peer_connect(url), natsConnection_Destroy);
+    fq_nats_conn_ptr peer(s_peer_connect(url));
     if (!peer) {
         fprintf(stderr, "fq-av-bench: no peer connection\n");
         return 1;

@@ -7,10 +7,10 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 
 #include "fq_nats_client.h"
+#include "fq_raii.h"
 #include "fqhlp_replies.h"
 #include "log.h"
 
@@ -23,11 +23,6 @@ volatile sig_atomic_t s_services_stop = 0;
 volatile sig_atomic_t s_relay_stop = 0;
 
 constexpr int64_t s_default_scan_timeout_ms = 30000;
-
-struct s_json_put {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using s_json_ptr = std::unique_ptr<json_object, s_json_put>;
 
 int s_command(json_object* job)
 {
@@ -50,7 +45,7 @@ void s_on_relay_stop(int)
 int bench_scan_handler(void* handler_config, fq_const_request_reply_t* rr)
 {
     (void)handler_config;
-    s_json_ptr job(json_tokener_parse(rr->request->json_txt ? rr->request->json_txt : ""));
+    fq_json_ptr job(json_tokener_parse(rr->request->json_txt ? rr->request->json_txt : ""));
     if (s_command(job.get()) == PING_SERVICE)
         return fq_reply_set_OK(&rr->reply->json_txt);
     if (!job || !rr->request->data || rr->request->data_len == 0)
@@ -66,7 +61,7 @@ int bench_scan_handler(void* handler_config, fq_const_request_reply_t* rr)
     }
     const char* name = json_object_object_get_ex(job.get(), "ObjectName", &v) ? json_object_get_string(v) : nullptr;
 
-    s_json_ptr reply(json_object_new_object());
+    fq_json_ptr reply(json_object_new_object());
     json_object* entry = json_object_new_object();
     json_object_object_add(entry, "ReturnCode", json_object_new_int(SCAN_OK));
     json_object_object_add(entry, "File-name", json_object_new_string(name && *name ? name : "object"));
@@ -85,7 +80,7 @@ int bench_scan_handler(void* handler_config, fq_const_request_reply_t* rr)
 int bench_relay_handler(void* handler_config, fq_const_request_reply_t* rr)
 {
     auto* cfg = static_cast<fq_connection_config*>(handler_config);
-    s_json_ptr job(json_tokener_parse(rr->request->json_txt ? rr->request->json_txt : ""));
+    fq_json_ptr job(json_tokener_parse(rr->request->json_txt ? rr->request->json_txt : ""));
     if (s_command(job.get()) == PING_SERVICE)
         return fq_reply_set_OK(&rr->reply->json_txt);
     json_object* v = nullptr;
@@ -99,7 +94,7 @@ int bench_relay_handler(void* handler_config, fq_const_request_reply_t* rr)
 
     // The same walk the worker makes: one call per service, the object passed by its key.
     const std::string list = services;
-    s_json_ptr last;
+    fq_json_ptr last;
     size_t start = 0;
     while (start <= list.size()) {
         size_t end = list.find(';', start);

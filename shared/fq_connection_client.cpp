@@ -1,3 +1,9 @@
+// The connection facade: the one door through which the worker reaches its broker and the services
+// behind it. Every request, staging, registry write and serving thread goes through here, and the
+// URL's scheme picks the transport on each call: NATS, or the HTTP gateway, which this build does
+// not have and which therefore refuses every request with a clear error. Nothing above this unit
+// knows about NATS, and nothing in it knows about scans. It never reports a request as done that
+// was not delivered.
 #include "fq_connection_client.h"
 
 #include <curl/curl.h>

@@ -1,3 +1,9 @@
+// The NATS transport: the connection (options, TLS, the start-up connect loop, the library's own
+// reconnects), the work-queue names, and core request/reply with a short back-off for a service
+// that has not subscribed yet. Each service call of a scan job goes out through
+// fq_nats_send_recv_json_data, which stages a payload that has no key yet and sends only the key.
+// It never retries what a retry cannot cure (credentials, certificates), and a reply that is not
+// whole JSON is no reply.
 #include "fq_nats_client.h"
 
 #include <stdio.h>
@@ -7,26 +13,16 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <memory>
 #include <string>
 
 #include "fq_nats_compat.h"
 #include "fq_nats_names.h"
+#include "fq_raii.h"
 #include "log.h"
 
 namespace {
 
 std::atomic<uint64_t> s_async_publish_failures{0};
-
-struct s_json_put {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using s_json_ptr = std::unique_ptr<json_object, s_json_put>;
-
-struct s_msg_destroy {
-    void operator()(natsMsg* m) const { natsMsg_Destroy(m); }
-};
-using s_msg_ptr = std::unique_ptr<natsMsg, s_msg_destroy>;
 
 void s_set_error(char* errormsg, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
@@ -129,11 +125,6 @@ void s_post_connect_diagnostics(natsConnection* conn, const char* server_url, bo
                  "server cert SAN does not cover the URL hostname or resolved IP, (2) server cert not signed by the "
                  "CA in cert_path, (3) server presented an expired cert or clock skew.");
 }
-
-struct s_opts_destroy {
-    void operator()(natsOptions* o) const { natsOptions_Destroy(o); }
-};
-using s_opts_ptr = std::unique_ptr<natsOptions, s_opts_destroy>;
 
 // Every option of the connection; false when a TLS setting can't be applied.
 bool s_configure_options(natsOptions* opts, fq_nats_config* config, bool tls)
@@ -296,7 +287,7 @@ int fq_nats_init(fq_nats_config* config)
         log_error("NATS: failed to create options: %s", natsStatus_GetText(s));
         return -1;
     }
-    s_opts_ptr opts(raw);
+    fq_nats_opts_ptr opts(raw);
 
     const bool tls = s_url_implies_tls(config->server_url);
     log_debug("server_url=%s (scheme implies TLS=%s)", config->server_url, tls ? "yes" : "no");
@@ -490,7 +481,7 @@ bool s_name_refused(const char* name, fq_nats_name_kind kind, const char* what, 
 // A request body with "_kv_key" added; the text unchanged when it isn't JSON.
 std::string s_body_with_key(const char* json_txt, const char* key)
 {
-    s_json_ptr obj(json_tokener_parse(json_txt));
+    fq_json_ptr obj(json_tokener_parse(json_txt));
     if (!obj || !json_object_is_type(obj.get(), json_type_object))
         return json_txt;
     json_object_object_add(obj.get(), "_kv_key", json_object_new_string(key));
@@ -518,7 +509,7 @@ json_object* fq_nats_send_recv_json(fq_nats_config* config, const char* service,
         natsMsg* raw = nullptr;
         const int64_t t = fq_nats_nr_attempt_timeout_ms(&st, timeout_ms);
         natsStatus s = natsConnection_RequestString(&raw, conn, service, request_json_txt, t);
-        s_msg_ptr reply(raw);
+        fq_nats_msg_ptr reply(raw);
         if (s == NATS_NO_RESPONDERS && fq_nats_nr_should_retry(&st, timeout_ms, service))
             continue;
         if (s == NATS_OK && reply)
@@ -583,7 +574,7 @@ json_object* fq_nats_send_recv_json_data(fq_nats_config* config, const char* ser
         natsMsg* raw = nullptr;
         const int64_t t = fq_nats_nr_attempt_timeout_ms(&st, (int64_t)total_ms);
         natsStatus s = natsConnection_RequestString(&raw, conn, service, body.c_str(), t);
-        s_msg_ptr reply(raw);
+        fq_nats_msg_ptr reply(raw);
         if (s == NATS_NO_RESPONDERS && fq_nats_nr_should_retry(&st, (int64_t)timeout_ms, service))
             continue;
         if (s == NATS_OK && reply) {
@@ -617,7 +608,7 @@ int fq_nats_simple_request(fq_nats_config* config, const char* service, const ch
 {
     // A negative count means no extra attempt, not four billion of them.
     const uint32_t extra = retries < 0 ? 0u : (uint32_t)retries;
-    s_json_ptr reply(fq_nats_send_recv_json(config, service, request_json_txt, timeout_ms, extra, errormsg));
+    fq_json_ptr reply(fq_nats_send_recv_json(config, service, request_json_txt, timeout_ms, extra, errormsg));
     if (!reply)
         return -1;
     json_object* rc = nullptr;

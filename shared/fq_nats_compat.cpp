@@ -1,3 +1,7 @@
+// What the linked nats.c lacks, kept in one place: a per-message time to live goes out as the
+// Nats-TTL header of a JetStream publish, and TLS handshake-first is used where the library has it
+// (otherwise one warning and the standard upgrade). Staged payloads and registry records get their
+// time to live through here. Nothing here retries or decides: callers see the library's status.
 #include "fq_nats_compat.h"
 
 #include <inttypes.h>

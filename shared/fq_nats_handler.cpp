@@ -1,29 +1,24 @@
-// Serving side of core NATS: queue subscriptions, their threads, and one request through a handler.
+// The serving side of core NATS: a queue subscription per started thread, the threads that take
+// requests from it, and fq_worker_scan_execute, which turns one message into one handler call (the
+// payload named by _kv_key read from the store, that member hidden from the handler) and returns the
+// reply text. This is where a scan job enters the worker and where its reply leaves it. A payload
+// that cannot be read is answered SERVICE_ERROR without calling the handler: an object nobody has
+// seen must never be called clean.
 #include <errno.h>
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
-#include <memory>
 #include <string>
 
 #include "fq_nats_client.h"
 #include "fq_nats_names.h"
+#include "fq_raii.h"
 #include "fqhlp_replies.h"
 #include "log.h"
 
 namespace {
-
-struct s_json_put {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using s_json_ptr = std::unique_ptr<json_object, s_json_put>;
-
-struct s_msg_destroy {
-    void operator()(natsMsg* m) const { natsMsg_Destroy(m); }
-};
-using s_msg_ptr = std::unique_ptr<natsMsg, s_msg_destroy>;
 
 const char s_payload_unavailable[] = "Scan data unavailable: staged payload could not be retrieved from the KV store";
 
@@ -47,7 +42,7 @@ void* handler_thread_fn(void* arg)
     while (!*args->terminate) {
         natsMsg* raw = nullptr;
         natsStatus s = natsSubscription_NextMsg(&raw, args->sub, FQ_NATS_NEXTMSG_TIMEOUT_MS);
-        s_msg_ptr msg(raw);
+        fq_nats_msg_ptr msg(raw);
 
         // Dropped requests are lost for good: say so loudly, but not more than once in a while.
         int64_t dropped = 0;
@@ -195,22 +190,20 @@ void fq_worker_scan_execute(fq_nats_config* config, fq_request_handler_f_t handl
     if (!out_reply_json)
         return;
     *out_reply_json = nullptr;
-    fq_const_request_reply_t* rr = fq_const_request_reply_new();
+    fq_const_rr_ptr rr(fq_const_request_reply_new());
     if (!rr) {
         log_error("Failed to allocate %s", "request/reply");
         return;
     }
-    std::unique_ptr<fq_const_request_reply_t*, void (*)(fq_const_request_reply_t**)> rr_guard(
-        &rr, fq_const_request_reply_free_structs);
 
     std::string request_text(static_cast<const char*>(msg_data), msg_data ? msg_len : 0);
     std::string key;
-    std::unique_ptr<unsigned char, decltype(&free)> payload(nullptr, free);
+    fq_buf_ptr payload;
     size_t payload_len = 0;
     bool payload_missing = false;
     std::string refusal;
 
-    s_json_ptr obj(json_tokener_parse(request_text.c_str()));
+    fq_json_ptr obj(json_tokener_parse(request_text.c_str()));
     const int has_key = obj ? fq_nats_request_staged_key(obj.get(), &key, &refusal) : 0;
     if (has_key != 0) {
         unsigned char* data = nullptr;
@@ -243,7 +236,7 @@ void fq_worker_scan_execute(fq_nats_config* config, fq_request_handler_f_t handl
         fq_reply_set_ERROR(&rr->reply->json_txt, SERVICE_ERROR,
                            refusal.empty() ? s_payload_unavailable : refusal.c_str());
     } else if (handler) {
-        handler(handler_config, rr);
+        handler(handler_config, rr.get());
     }
     *out_reply_json = rr->reply->json_txt;
     rr->reply->json_txt = nullptr;

@@ -1,4 +1,9 @@
-// Staged payloads in the KV store, the bucket handle cache and the registry's KV access.
+// Staged payloads in the KV store and the registry's KV access. An object travels once: chunked into
+// fq-av-scan-data under one key with its metadata record written last, read back whole by whoever
+// gets the key, deleted by whoever staged it, and everything written carries a time to live. Bucket
+// handles are bound once and cached for all threads. Metadata read from a bucket is untrusted: size
+// and chunk count are checked before anything is allocated, and a payload whose chunks do not cover
+// it byte for byte is never handed out.
 #include <inttypes.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -9,13 +14,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <memory>
 #include <mutex>
 #include <string>
 
 #include "fq_nats_client.h"
 #include "fq_nats_compat.h"
 #include "fq_nats_names.h"
+#include "fq_raii.h"
 #include "log.h"
 
 namespace {
@@ -68,16 +73,6 @@ bool s_key_ok(const char* key, const char* op)
     return false;
 }
 
-struct s_entry_destroy {
-    void operator()(kvEntry* e) const { kvEntry_Destroy(e); }
-};
-using s_entry_ptr = std::unique_ptr<kvEntry, s_entry_destroy>;
-
-struct s_json_put {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using s_json_ptr = std::unique_ptr<json_object, s_json_put>;
-
 // Binds a bucket for a cache field under the bind lock; the field keeps the first handle.
 kvStore* s_bind_cached(fq_nats_config* config, void*& field, const char* bucket)
 {
@@ -117,7 +112,7 @@ bool s_parse_metadata(const char* key, kvEntry* entry, size_t* chunks, size_t* s
     json_object* parsed = (tok && text && len > 0) ? json_tokener_parse_ex(tok, text, len) : nullptr;
     if (tok)
         json_tokener_free(tok);
-    s_json_ptr meta(parsed);
+    fq_json_ptr meta(parsed);
     if (!meta || !json_object_is_type(meta.get(), json_type_object)) {
         log_error("NATS: KV metadata parse failed for '%s'", key);
         return false;
@@ -151,7 +146,7 @@ bool s_subject(char* buf, size_t n, const char* bucket, const char* key)
 
 std::string s_metadata_text(size_t chunks, size_t size)
 {
-    s_json_ptr meta(json_object_new_object());
+    fq_json_ptr meta(json_object_new_object());
     if (!meta)
         return "";
     json_object_object_add(meta.get(), "chunks", json_object_new_int64((int64_t)chunks));
@@ -412,7 +407,7 @@ int kvstore_get_chunked(fq_nats_config* config, const char* key, unsigned char**
 
     kvEntry* raw = nullptr;
     natsStatus s = kv_get_retry(kv, key, &raw);
-    s_entry_ptr entry(raw);
+    fq_kv_entry_ptr entry(raw);
     if (s != NATS_OK || !entry) {
         log_error("NATS: KV get metadata '%s' failed after retries: %s", key, natsStatus_GetText(s));
         return -1;
@@ -423,7 +418,7 @@ int kvstore_get_chunked(fq_nats_config* config, const char* key, unsigned char**
         return -1;
     entry.reset();
 
-    std::unique_ptr<unsigned char, decltype(&free)> buf(static_cast<unsigned char*>(malloc(size ? size : 1)), free);
+    fq_buf_ptr buf(static_cast<unsigned char*>(malloc(size ? size : 1)));
     if (!buf) {
         log_error("NATS: KV get '%s': cannot allocate %zu bytes", key, size);
         return -1;
@@ -437,7 +432,7 @@ int kvstore_get_chunked(fq_nats_config* config, const char* key, unsigned char**
         }
         kvEntry* craw = nullptr;
         s = kv_get_retry(kv, chunk_key, &craw);
-        s_entry_ptr chunk(craw);
+        fq_kv_entry_ptr chunk(craw);
         if (s != NATS_OK || !chunk) {
             log_error("NATS: KV get chunk '%s' failed after retries: %s", chunk_key, natsStatus_GetText(s));
             return -1;
@@ -490,7 +485,7 @@ void kvstore_delete_chunked(fq_nats_config* config, const char* key)
         return;
     kvEntry* raw = nullptr;
     if (kvStore_Get(&raw, kv, key) == NATS_OK && raw) {
-        s_entry_ptr entry(raw);
+        fq_kv_entry_ptr entry(raw);
         size_t chunks = 0;
         size_t size = 0;
         // Only a sane record tells how many chunks there are; otherwise they expire.
@@ -570,7 +565,7 @@ int fq_nats_kv_get(fq_nats_config* config, const char* bucket, const char* key, 
         return -1;
     kvEntry* raw = nullptr;
     natsStatus s = kvStore_Get(&raw, kv, key);
-    s_entry_ptr entry(raw);
+    fq_kv_entry_ptr entry(raw);
     if (s == NATS_NOT_FOUND)
         return 1;
     if (s != NATS_OK || !entry) {

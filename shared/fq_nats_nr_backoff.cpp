@@ -1,3 +1,7 @@
+// Back-off for a request that finds nobody subscribed. The broker says "no responders" at once, so a
+// few short pauses (25 ms, doubling, 400 ms at most in all) let a service that is just starting or
+// resubscribing be found instead of failing the request. Every core request of the messaging layer
+// uses it; it never sleeps beyond the request's own budget.
 #include "fq_nats_nr_backoff.h"
 
 #include <nats/nats.h>

@@ -1,3 +1,7 @@
+// Creates on a broker what the worker and its peers bind to: the KV buckets (staged payloads,
+// registry, verdict cache) and, per service, the work-queue stream with its durable consumer. Used by
+// fq-av-provision and the test fixtures, never by the worker, which expects all of it to exist
+// before it starts. What exists already is left as it is: nothing is changed or deleted here.
 #include "fq_provision.h"
 
 #include <stdio.h>

@@ -1,3 +1,7 @@
+// The records of a request and its reply as every handler sees them: the request text with its
+// payload or staged key, and the slot for the reply text the handler leaves behind. Each handler call
+// on the road of a scan job is made with one such pair. The free functions release the records only,
+// never the texts and buffers inside, which belong to whoever set them.
 #include "fq_request_reply_types.h"
 
 #include <stdlib.h>

@@ -1,3 +1,8 @@
+// Secret-box encryption under a key derived from a pass phrase: the worker's side of an encrypted
+// quarantine hand-off and of encrypted event records. Every party derives the same key from the same
+// pass phrase (fixed salt and work factors), and each encryption steps the key's running nonce first,
+// so no nonce is used twice under one key. Key bytes are wiped before they are freed; calls on one
+// key must be serialised by the caller.
 #include "fq_secretbox_encryption.h"
 
 #include <sodium.h>

@@ -1,3 +1,9 @@
+// The worker process from main to exit. The command line; the dispatcher that every client request
+// passes through (parse, ObjectLen and EventID checks, then the scan handler); the thread records and
+// load figures; and the process's life: start-up in a fixed order, the record in the registry, the
+// 250 ms supervision loop and the stop sequence. main itself never scans: it starts the serving
+// threads, watches the stop flag and ends with 0 after an orderly stop, -1 after a failed start. The
+// dispatcher never answers a scan as clean unless the scan handler did.
 #include "fq_worker.h"
 
 #include <errno.h>

@@ -1,3 +1,9 @@
+// The scan driver: walks one object through the services of its job. It applies the limits the
+// worker decides alone (depth, empty object, SCAN_MIN_SIZE, SCAN_MAX_SIZE), stages the object once or
+// reuses the client's key, builds the forwarded job once, and asks each service in turn with what is
+// left of the time budget, merging each answer into the consolidated result. Every reply is read as
+// untrusted: anything but a well-formed verdict with a known code is a service failure, so no
+// failure anywhere in the chain can end in a clean verdict.
 #include "fq_worker_RecursiveScan.h"
 
 #include <errno.h>
@@ -23,27 +29,6 @@
 namespace {
 
 constexpr size_t s_errbuf_len = 1024;
-
-struct s_json_deleter {
-    void operator()(json_object* obj) const { json_object_put(obj); }
-};
-using s_json_ptr = std::unique_ptr<json_object, s_json_deleter>;
-
-struct s_file_deleter {
-    void operator()(fq_worker_file_scan_result_t* file) const { fq_worker_free_file_scan_result(&file); }
-};
-using s_file_ptr = std::unique_ptr<fq_worker_file_scan_result_t, s_file_deleter>;
-
-struct s_rr_deleter {
-    void operator()(fq_const_request_reply_t* rr) const
-    {
-        // The transport may leave a reply text; the request's texts stay with the caller.
-        if (rr->reply)
-            free(rr->reply->json_txt);
-        fq_const_request_reply_free_structs(&rr);
-    }
-};
-using s_rr_ptr = std::unique_ptr<fq_const_request_reply_t, s_rr_deleter>;
 
 __attribute__((format(printf, 2, 3))) void s_set_error(char* buf, const char* fmt, ...)
 {
@@ -161,7 +146,7 @@ const char* s_text_of(json_object* obj, const char* key, bool* present)
 struct s_parsed_reply {
     int32_t rc = 0;
     std::string error;
-    std::vector<s_file_ptr> entries;
+    std::vector<fq_file_scan_result_ptr> entries;
 };
 
 // The fault texts go to error and the log; the caller adds which service it was.
@@ -195,11 +180,11 @@ int s_copy_entry_text(json_object* entry, const char* key, bool mandatory, char*
 }
 
 // Reads one entry of "Results" in the order of its members; 0, -1 or -1000.
-int s_parse_entry(json_object* entry, int index, s_file_ptr& out, char* error)
+int s_parse_entry(json_object* entry, int index, fq_file_scan_result_ptr& out, char* error)
 {
     if (!json_object_is_type(entry, json_type_object))
         S_FAULT("Entry %d of Results is not an object", index);
-    s_file_ptr file(fq_worker_new_file_scan_result());
+    fq_file_scan_result_ptr file(fq_worker_new_file_scan_result());
     if (!file) {
         s_set_error(error, "Failed to allocate file scan result struct");
         return SERVICE_ERROR;
@@ -327,7 +312,7 @@ int s_parse_reply(json_object* reply, s_parsed_reply& parsed, char* error)
 
     // Grows with what is really there, not with what was announced.
     for (int i = 0; i < static_cast<int>(announced); i++) {
-        s_file_ptr file;
+        fq_file_scan_result_ptr file;
         const int rc = s_parse_entry(json_object_array_get_idx(results, i), i, file, error);
         if (rc != 0)
             return rc;
@@ -607,7 +592,7 @@ int fq_worker_scan_with_service(fq_worker_service_send_f_t send, void* send_ctx,
                 return SERVICE_ERROR;
             }
 
-            s_rr_ptr rr(fq_const_request_reply_new());
+            fq_const_rr_ptr rr(fq_const_request_reply_new());
             if (!rr) {
                 s_set_error(errormessage, "Failed to allocate request for service %s", service.c_str());
                 log_error("%s", errormessage);
@@ -619,7 +604,9 @@ int fq_worker_scan_with_service(fq_worker_service_send_f_t send, void* send_ctx,
             rr->request->data_len = datalen;
             rr->request->staged_data_key = staged_data_key;
 
-            s_json_ptr reply(send(send_ctx, service.c_str(), rr.get(), timeout_ms, errormessage));
+            fq_json_ptr reply(send(send_ctx, service.c_str(), rr.get(), timeout_ms, errormessage));
+            // The transport may leave a reply text; the request's texts stay with the caller.
+            free(rr->reply->json_txt);
             rr.reset();
             if (!reply) {
                 // No answer is a failure whatever the token says.
@@ -670,16 +657,6 @@ int fq_worker_scan_with_service(fq_worker_service_send_f_t send, void* send_ctx,
 
 namespace {
 
-struct s_scan_result_deleter {
-    void operator()(fq_worker_scan_result_t* r) const { fq_worker_free_scan_result(&r); }
-};
-using s_scan_result_ptr = std::unique_ptr<fq_worker_scan_result_t, s_scan_result_deleter>;
-
-struct s_file_result_deleter {
-    void operator()(fq_worker_file_scan_result_t* r) const { fq_worker_free_file_scan_result(&r); }
-};
-using s_file_result_ptr = std::unique_ptr<fq_worker_file_scan_result_t, s_file_result_deleter>;
-
 void s_write_error(char* error, const char* text)
 {
     if (error)
@@ -692,10 +669,10 @@ char* s_dup(const char* text)
 }
 
 // The entry that stands for the whole object when a size limit decides without any service.
-s_file_result_ptr s_synthetic_entry(const char* name, size_t datalen, int rc, const char* mime_type,
+fq_file_scan_result_ptr s_synthetic_entry(const char* name, size_t datalen, int rc, const char* mime_type,
                                     const char* file_type, const char* blocking_reason)
 {
-    s_file_result_ptr f(fq_worker_new_file_scan_result());
+    fq_file_scan_result_ptr f(fq_worker_new_file_scan_result());
     if (!f)
         return f;
     f->rc = rc;
@@ -722,19 +699,6 @@ uint64_t s_size_limit(json_object* job, const char* key)
         return 0;
     return static_cast<uint64_t>(fq_worker_json_get_int64(value));
 }
-
-// Removes what this call staged itself, whichever way the call ends.
-struct s_owned_key {
-    fq_connection_config* cfg;
-    char* key = nullptr;
-    ~s_owned_key()
-    {
-        if (key) {
-            fq_connection_unstage_scan_data(cfg, key);
-            free(key);
-        }
-    }
-};
 
 void s_hand_out_reason(char** blocking_reason, const fq_worker_scan_result_t* this_scan, const char* error)
 {
@@ -813,7 +777,7 @@ int fqworker_RecursiveScan_via(fq_worker_service_send_f_t send, void* send_ctx, 
     if (min_size != 0 && static_cast<uint64_t>(datalen) < min_size) {
         log_debug("File %s size %zu below SCAN_MIN_SIZE %zu - returning synthetic clean reply", name ? name : "",
                   datalen, static_cast<size_t>(min_size));
-        s_file_result_ptr f = s_synthetic_entry(name, datalen, SCAN_RECURSIVE_OK, "application/vnd.fernquill.smallfile",
+        fq_file_scan_result_ptr f = s_synthetic_entry(name, datalen, SCAN_RECURSIVE_OK, "application/vnd.fernquill.smallfile",
                                                 "Small file, size below scan threshold", "");
         if (!f) {
             s_write_error(error, "Failed to allocate small-file scan result");
@@ -832,7 +796,7 @@ int fqworker_RecursiveScan_via(fq_worker_service_send_f_t send, void* send_ctx, 
     if (max_size != 0 && static_cast<uint64_t>(datalen) > max_size) {
         log_debug("File %s size %zu exceeds SCAN_MAX_SIZE %zu - returning synthetic policy-violation reply",
                   name ? name : "", datalen, static_cast<size_t>(max_size));
-        s_file_result_ptr f =
+        fq_file_scan_result_ptr f =
             s_synthetic_entry(name, datalen, SCAN_POLICY_VIOLATION, "application/vnd.fernquill.largefile",
                               "Large file, size above scan threshold", "File too large");
         if (!f) {
@@ -856,25 +820,16 @@ int fqworker_RecursiveScan_via(fq_worker_service_send_f_t send, void* send_ctx, 
     const char* services_text = fq_worker_json_get_mandatory_text(job, "Services", error);
     if (!services_text)
         return -1;
-    std::unique_ptr<char, decltype(&free)> services_copy(strdup(services_text), &free);
-    char** list = services_copy ? fq_worker_tokenize_services(services_copy.get()) : nullptr;
-    if (!list) {
+    fq_cstr_ptr services_copy(strdup(services_text));
+    fq_services_list_ptr service_list(services_copy ? fq_worker_tokenize_services(services_copy.get()) : nullptr);
+    if (!service_list) {
         s_write_error(error, "Failed to create services list");
         log_error("Failed to create services list");
         return SERVICE_ERROR;
     }
-    std::unique_ptr<char**, void (*)(char***)> service_list(new (std::nothrow) char**(list), [](char*** l) {
-        fq_worker_free_services_list(l);
-        delete l;
-    });
-    if (!service_list) {
-        fq_worker_free_services_list(&list);
-        s_write_error(error, "Failed to create services list");
-        return SERVICE_ERROR;
-    }
 
     // One staging for all services: the inbound key, or one the driver makes and removes again.
-    s_owned_key owned{cfg};
+    fq_staged_key owned(cfg);
     const char* staging_key = nullptr;
     const char* i_data = data;
     size_t i_datalen = datalen;
@@ -922,12 +877,12 @@ int fqworker_RecursiveScan_via(fq_worker_service_send_f_t send, void* send_ctx, 
         }
     }
 
-    for (char** token = *service_list; *token; ++token) {
+    for (char** token = service_list.get(); *token; ++token) {
         if (fq_timeout_expired(enter_time_ms, timeout_ms)) {
             s_write_error(error, "Service side timeout");
             return SERVICE_ERROR;
         }
-        s_scan_result_ptr this_scan(fq_worker_new_scan_result());
+        fq_scan_result_ptr this_scan(fq_worker_new_scan_result());
         if (!this_scan) {
             s_write_error(error, "Failed to allocate results struct for this scan");
             log_error("Failed to allocate results struct for this scan");
@@ -960,7 +915,7 @@ int fqworker_RecursiveScan_via(fq_worker_service_send_f_t send, void* send_ctx, 
 
         if ((rc == SERVICE_ERROR || rc == SCAN_NOT_COMPLETED) && this_scan->no_of_files_scanned == 0) {
             // A failure must reach the summary as an entry of its own.
-            s_file_result_ptr f(fq_worker_new_file_scan_result());
+            fq_file_scan_result_ptr f(fq_worker_new_file_scan_result());
             if (!f) {
                 log_error("Failed to allocate %s", "fileScanResult");
                 return SERVICE_ERROR;

@@ -1,3 +1,8 @@
+// The forwarded job: the one JSON text every scan service receives for an object, built once per
+// request from the client's job with its members in a fixed order, and extended with the MIME
+// members once fq-av-mimescan has answered. The client's values go out as they came (numbers
+// saturated to 32 bits); it never adds a member that neither the client sent nor the driver worked
+// out, and a missing mandatory member fails the request.
 #include "fq_worker_forward_job.h"
 
 #include <limits.h>

@@ -1,3 +1,6 @@
+// Is a service there? One PING request that any JSON answer satisfies. The worker asks
+// fq-av-worker-control this way before it takes any work. The reply is not read for its content,
+// and no reply within the tries means "not there", never an error of the asker's own.
 #include "fq_worker_ping.h"
 
 #include <czmq.h>

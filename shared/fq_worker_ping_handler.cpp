@@ -1,3 +1,8 @@
+// The worker's two small channels, each on a serving thread of its own beside the scan threads:
+// fq-av-scanproxy.ping, which answers a PING and nothing else, and the private control subject
+// fq-av-scanproxy.<host>_<pid>, which takes PING, the READY of a temporary worker during an update,
+// and SHUTDOWN. READY and SHUTDOWN are obeyed only with the matching secret, compared in constant
+// time; a worker without a secret of its own refuses them all.
 #include "fq_worker_ping_handler.h"
 
 #include <sodium.h>

@@ -1,3 +1,8 @@
+// Verdicts: a record per file, the consolidated record of a request, the merge of each service's
+// entries into it, the summary that works verdicts up from nested files to their parents, and the
+// reply text the client gets. This is the last step of a scan job before its reply leaves. A merge
+// only ever makes a verdict worse, never better, and a failed scan's reply carries its error and no
+// file verdicts.
 #include "fq_worker_scan_result.h"
 
 #include <errno.h>
@@ -5,11 +10,11 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
+#include "fq_raii.h"
 #include "fq_request_reply_types.h"
 #include "fqerror.h"
 #include "fqhlp_network.h"
@@ -17,22 +22,6 @@
 #include "log.h"
 
 namespace {
-
-struct s_json_deleter {
-    void operator()(json_object* obj) const { json_object_put(obj); }
-};
-using s_json_ptr = std::unique_ptr<json_object, s_json_deleter>;
-
-class s_mutex_guard {
-public:
-    explicit s_mutex_guard(pthread_mutex_t* mu) : mu_(mu) { pthread_mutex_lock(mu_); }
-    ~s_mutex_guard() { pthread_mutex_unlock(mu_); }
-    s_mutex_guard(const s_mutex_guard&) = delete;
-    s_mutex_guard& operator=(const s_mutex_guard&) = delete;
-
-private:
-    pthread_mutex_t* mu_;
-};
 
 bool s_empty(const char* text)
 {
@@ -71,7 +60,7 @@ const char* s_or_empty(const char* text)
 // An entry of the reply's "Results" array, or null after the ERROR line.
 json_object* s_file_result_json(const fq_worker_file_scan_result_t* file)
 {
-    s_json_ptr entry(json_object_new_object());
+    fq_json_ptr entry(json_object_new_object());
     if (!entry) {
         log_error("Failed to add file-scan result");
         return nullptr;
@@ -241,7 +230,7 @@ int fq_worker_merge_scanresults(fq_worker_scan_result_t* consolidated, fq_worker
         log_error("Invalid pointer result");
         return -1;
     }
-    s_mutex_guard lock(&consolidated->mutex);
+    fq_mutex_lock lock(&consolidated->mutex);
 
     // First index of each file name, so that a merge stays linear in the number of entries.
     // The views point into the entries' own texts, which live as long as the entries.
@@ -356,7 +345,7 @@ char* fq_worker_create_scan_reply(fq_worker_scan_result_t* result)
         fq_reply_set_ERROR(&text, SERVICE_ERROR, "Worker could not assemble a scan result");
         return text;
     }
-    s_json_ptr reply(json_object_new_object());
+    fq_json_ptr reply(json_object_new_object());
     if (!reply) {
         log_error("Failed to allocate new json object reply_json");
         return nullptr;

@@ -1,3 +1,7 @@
+// The reader of a client's scan job: fills the record the driver works from, leniently for numbers
+// and strictly for the members a job cannot do without. It is the first step of a scan after the
+// dispatcher's checks. It copies what it keeps and never changes the job; a missing mandatory member,
+// or a negative length, depth or time budget, fails the job before any service is asked.
 #include "fq_worker_scanobject.h"
 
 #include <math.h>
@@ -7,8 +11,8 @@
 #include <string.h>
 #include <strings.h>
 
-#include <memory>
 
+#include "fq_raii.h"
 #include "log.h"
 
 namespace {
@@ -29,11 +33,6 @@ void s_fail(char* errmsg, const char* fmt, ...)
         snprintf(errmsg, s_errmsg_len, "%s", text);
     log_error("%s", text);
 }
-
-struct s_scanobject_deleter {
-    void operator()(fq_worker_scanobject_t* p) const { fq_worker_FreeScanObject(&p); }
-};
-using s_scanobject_ptr = std::unique_ptr<fq_worker_scanobject_t, s_scanobject_deleter>;
 
 bool s_copy_text(const char* key, const char* text, char** dst, char* errmsg)
 {
@@ -256,7 +255,7 @@ int32_t fq_worker_shmid_from_text(const char* text)
 
 fq_worker_scanobject_t* fq_worker_GetScanJobDetails(json_object* job, char* errmsg)
 {
-    s_scanobject_ptr so(static_cast<fq_worker_scanobject_t*>(calloc(1, sizeof(fq_worker_scanobject_t))));
+    fq_scanobject_ptr so(static_cast<fq_worker_scanobject_t*>(calloc(1, sizeof(fq_worker_scanobject_t))));
     if (!so) {
         s_fail(errmsg, "Failed to allocate scanobject struct");
         return nullptr;

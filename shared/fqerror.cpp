@@ -1,3 +1,6 @@
+// FQstrerror: the text of a system error for a log line, kept in a buffer of the calling thread's
+// own so that threads reporting failures at the same time never overwrite each other's text. Used
+// wherever a failure of the operating system is logged; it never fails and never allocates.
 #include "fqerror.h"
 
 #include <string.h>

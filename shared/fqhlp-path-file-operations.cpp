@@ -1,3 +1,7 @@
+// Path and file helpers of the foundation: tests on paths, the creation and removal of folders, and
+// copies of files and trees below the worker's base directory. Removal never follows a symbolic link
+// out of the tree it was given and never blocks on a FIFO where a folder was expected; a copy never
+// overwrites what is already there.
 #include "fqhlp-path-file-operations.h"
 
 #include <dirent.h>
@@ -8,43 +12,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 
+#include "fq_raii.h"
 #include "fqerror.h"
 #include "fqhlp-string.h"
 #include "log.h"
 
 namespace {
-
-struct DirCloser {
-    void operator()(DIR* d) const { closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
-
-struct FreeDeleter {
-    void operator()(char* p) const { free(p); }
-};
-
-// Closes a descriptor on scope exit without disturbing errno.
-class FdGuard {
-public:
-    explicit FdGuard(int fd) : fd_(fd) {}
-    ~FdGuard()
-    {
-        if (fd_ >= 0) {
-            int saved = errno;
-            close(fd_);
-            errno = saved;
-        }
-    }
-    FdGuard(const FdGuard&) = delete;
-    FdGuard& operator=(const FdGuard&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 constexpr size_t s_path_max = 4096;
 
@@ -71,7 +46,7 @@ constexpr int s_dir_open_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOC
 // Returns 0, or 1 when an entry could not be removed.
 int s_empty_dir(int dfd)
 {
-    DirPtr dir(fdopendir(dfd));
+    fq_dir_ptr dir(fdopendir(dfd));
     if (!dir) {
         close(dfd);
         return 1;
@@ -151,7 +126,7 @@ int fqhlp_GetFileSize(const char* pszfilename, size_t* size)
         log_error("Invalid arguments");
         return -1;
     }
-    std::unique_ptr<char, FreeDeleter> name(strdup(pszfilename));
+    fq_cstr_ptr name(strdup(pszfilename));
     if (!name) {
         log_error("Failed to allocate %s", "filename");
         return -1;
@@ -249,13 +224,13 @@ int copy_file(const char* source, const char* dest)
     if (source == nullptr || dest == nullptr || stat(source, &st) != 0)
         return -1;
 
-    FdGuard in(open(source, O_RDONLY | O_CLOEXEC));
+    fq_fd_guard in(open(source, O_RDONLY | O_CLOEXEC));
     if (in.get() < 0) {
         log_error("%s %s", FQstrerror(errno), source);
         return -1;
     }
     // O_EXCL: never overwrite what is already there.
-    FdGuard out(open(dest, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, st.st_mode & 07777));
+    fq_fd_guard out(open(dest, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, st.st_mode & 07777));
     if (out.get() < 0) {
         log_error("%s %s", FQstrerror(errno), dest);
         return -1;
@@ -301,7 +276,7 @@ int copy_dir_recursive(const char* source, const char* dest)
         log_error("Invalid arguments");
         return -1;
     }
-    DirPtr dir(opendir(source));
+    fq_dir_ptr dir(opendir(source));
     if (!dir) {
         log_error("Failed to open source dir %s", source);
         return -1;

@@ -1,3 +1,6 @@
+// String helpers: white space trimmed in place, and the random 32-character secrets of the registry
+// record and of the update handshake. The secrets come from libsodium's generator, never from rand()
+// or the clock: whoever could guess one could stop or replace a worker.
 #include "fqhlp-string.h"
 
 #include <ctype.h>

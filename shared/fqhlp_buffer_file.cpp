@@ -1,17 +1,12 @@
+// Whole buffers to and from files; the worker writes its .running_version this way at start. A
+// failure is logged and reported to the caller, and a short read is a failure: a partly filled
+// buffer is never passed off as the whole file.
 #include "fqhlp_buffer_file.h"
 
 #include <stdio.h>
 
-#include <memory>
-
+#include "fq_raii.h"
 #include "log.h"
-
-namespace {
-struct FileCloser {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
-}  // namespace
 
 int fqhlp_dump_buffer_to_file(const char* pBuffer, size_t length, const char* filename)
 {
@@ -19,7 +14,7 @@ int fqhlp_dump_buffer_to_file(const char* pBuffer, size_t length, const char* fi
         log_error("Invalid arguments");
         return -1;
     }
-    FilePtr f(fopen(filename, "wb"));
+    fq_file_ptr f(fopen(filename, "wb"));
     if (!f) {
         log_error("Could not open %s for writing, aborting", filename);
         return -1;
@@ -35,7 +30,7 @@ int fqhlp_read_buffer_from_file(char* pBuffer, size_t length, const char* filena
         log_error("Invalid arguments");
         return -1;
     }
-    FilePtr f(fopen(filename, "r"));
+    fq_file_ptr f(fopen(filename, "r"));
     if (!f) {
         log_error("Could not open %s for reading, aborting", filename);
         return -1;

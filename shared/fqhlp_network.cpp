@@ -1,3 +1,6 @@
+// The host name the worker puts into failed scan replies, in a buffer of the calling thread's own so
+// that replies written on many threads at once never mix up their names. A host name that cannot be
+// read is logged and given as null, never as a made-up name.
 #include "fqhlp_network.h"
 
 #include <string.h>

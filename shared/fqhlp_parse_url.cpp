@@ -1,3 +1,6 @@
+// Splits a broker endpoint written as host:port, or scheme://host:port/path, into its parts for a
+// --broker that is not a NATS URL. The parts live to the end of the process, so records may point at
+// them. The rules work on the text alone: nothing here resolves or contacts a host.
 #include "fqhlp_parse_url.h"
 
 #include <string.h>

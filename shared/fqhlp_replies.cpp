@@ -1,3 +1,6 @@
+// The standard reply texts of every service: {"ReturnCode": n}, and the error reply with "Error" and
+// "WorkerHostname". Handlers leave one of these in their reply slot when they have nothing better to
+// say. Error texts from anywhere are escaped, so a reply is always valid JSON whatever the text holds.
 #include "fqhlp_replies.h"
 
 #include <json-c/json.h>

@@ -1,3 +1,6 @@
+// Time budgets in monotonic milliseconds: what is left of a scan's SCANTIMEOUT as the driver moves
+// from service to service, and the extra time the transfer of a large object may take. A budget never
+// wraps around: a start in the future counts as no time spent, and a spent budget stays at 0.
 #include "fqhlp_timeout.h"
 
 #include <time.h>

@@ -1,3 +1,6 @@
+// Named semaphores: the locks shared between processes, such as the one every line written to a trace
+// file is taken under. A wait has a deadline that a signal never stretches, so a lock held by a hung
+// process is given up after its limit instead of being waited on for ever.
 #include "fqsemaphore.h"
 
 #include <errno.h>

@@ -1,3 +1,6 @@
+// Thread wrappers: starting a thread, and joining one with a time limit, so that a thread that does
+// not end cannot hold up whoever waits for it. The helper thread that does the waiting is always gone
+// when the join returns, whichever way it ends.
 #include "fqthread.h"
 
 #include <sys/time.h>

@@ -1,3 +1,7 @@
+// The trace file's set-up: its cross-process lock (a named semaphore per file) and the rotation of a
+// full file into a zip archive. Every line written to the file passes the lock; a line logged from
+// inside the lock or the rotation goes to stderr only, so the log never waits on itself. A failed
+// rotation keeps the trace file as it is and leaves no partial archive behind.
 #include "log-helper.h"
 
 #include <errno.h>
@@ -11,6 +15,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include "fq_raii.h"
 #include "fqerror.h"
 #include "fqsemaphore.h"
 
@@ -32,43 +37,8 @@ int s_lock_adapter(void* udata, int action)
     return FQLogLock(static_cast<sem_t*>(udata), static_cast<log_lock_actions_t>(action));
 }
 
-// Owns the archive being written; on failure the partial archive is removed again.
-struct s_archive_writer {
-    struct archive* a = nullptr;
-    struct archive_entry* entry = nullptr;
-    const char* path = nullptr;
-    bool opened = false;
-
-    ~s_archive_writer()
-    {
-        if (entry != nullptr)
-            archive_entry_free(entry);
-        if (a != nullptr)
-            archive_write_free(a);
-    }
-
-    // Closes the archive; false if the archive could not be completed.
-    bool close()
-    {
-        bool ok = archive_write_close(a) == ARCHIVE_OK;
-        archive_write_free(a);
-        a = nullptr;
-        return ok;
-    }
-
-    void discard()
-    {
-        if (a != nullptr) {
-            archive_write_free(a);
-            a = nullptr;
-        }
-        if (opened)
-            unlink(path);
-    }
-};
-
-// Moves the trace file into "<file>_<local time>.zip". On any failure the trace file
-// stays as it is (and goes on growing); the next line tries again.
+// Moves the trace file into "<file>_<local time>.zip". On any failure the trace file stays as it
+// is (and goes on growing), a partial archive is removed again, and the next line tries again.
 int s_switch_logfile(const char* filename)
 {
     time_t now = time(nullptr);
@@ -79,51 +49,52 @@ int s_switch_logfile(const char* filename)
     char zipname[4096];
     snprintf(zipname, sizeof(zipname), "%s_%s.zip", filename, stamp);
 
-    s_archive_writer w;
-    w.path = zipname;
-    w.a = archive_write_new();
-    if (w.a == nullptr || archive_write_set_format_zip(w.a) != ARCHIVE_OK ||
-        archive_write_open_filename(w.a, zipname) != ARCHIVE_OK) {
+    fq_archive_write_ptr a(archive_write_new());
+    fq_archive_entry_ptr entry;
+    bool opened = false;
+    auto discard = [&] {
+        a.reset();
+        if (opened)
+            unlink(zipname);
+        return -1;
+    };
+    if (!a || archive_write_set_format_zip(a.get()) != ARCHIVE_OK ||
+        archive_write_open_filename(a.get(), zipname) != ARCHIVE_OK) {
         log_error("Failed to open new archive %s for writing", zipname);
         return -1;
     }
-    w.opened = true;
+    opened = true;
 
     struct stat st;
     if (stat(filename, &st) == -1) {
         log_error("Failed to stat trace file %s: %s", filename, FQstrerror(errno));
-        w.discard();
-        return -1;
+        return discard();
     }
 
-    w.entry = archive_entry_new();
-    if (w.entry == nullptr) {
+    entry.reset(archive_entry_new());
+    if (!entry) {
         log_error("Failed to create archive entry for %s", filename);
-        w.discard();
-        return -1;
+        return discard();
     }
-    archive_entry_set_pathname(w.entry, filename);
-    archive_entry_set_size(w.entry, st.st_size);
-    archive_entry_set_filetype(w.entry, AE_IFREG);
-    archive_entry_set_perm(w.entry, 0644);
-    if (archive_write_header(w.a, w.entry) != ARCHIVE_OK) {
+    archive_entry_set_pathname(entry.get(), filename);
+    archive_entry_set_size(entry.get(), st.st_size);
+    archive_entry_set_filetype(entry.get(), AE_IFREG);
+    archive_entry_set_perm(entry.get(), 0644);
+    if (archive_write_header(a.get(), entry.get()) != ARCHIVE_OK) {
         log_error("Failed to write archive header for %s into %s: %s", filename, zipname,
-                  archive_error_string(w.a) ? archive_error_string(w.a) : "");
-        w.discard();
-        return -1;
+                  archive_error_string(a.get()) ? archive_error_string(a.get()) : "");
+        return discard();
     }
 
-    int fd = open(filename, O_RDONLY | O_CLOEXEC);
-    if (fd == -1) {
+    fq_fd_guard fd(open(filename, O_RDONLY | O_CLOEXEC));
+    if (!fd) {
         log_error("Failed to open trace file %s for reading: %s", filename, FQstrerror(errno));
-        w.discard();
-        return -1;
+        return discard();
     }
 
     char block[8192];
-    bool copied = true;
     for (;;) {
-        ssize_t n = read(fd, block, sizeof(block));
+        ssize_t n = read(fd.get(), block, sizeof(block));
         if (n == 0)
             break;
         if (n < 0) {
@@ -131,26 +102,21 @@ int s_switch_logfile(const char* filename)
                 continue;
             // An incomplete archive is worse than none: keep the trace file as it is.
             log_error("Failed to read trace file %s: %s", filename, FQstrerror(errno));
-            copied = false;
-            break;
+            return discard();
         }
-        if (archive_write_data(w.a, block, (size_t)n) < 0) {
+        if (archive_write_data(a.get(), block, (size_t)n) < 0) {
             log_error("Failed to write trace file %s into archive %s: %s", filename, zipname,
-                      archive_error_string(w.a) ? archive_error_string(w.a) : "");
-            copied = false;
-            break;
+                      archive_error_string(a.get()) ? archive_error_string(a.get()) : "");
+            return discard();
         }
     }
-    close(fd);
+    fd.reset();
 
-    if (!copied) {
-        w.discard();
-        return -1;
-    }
-    if (!w.close()) {
+    const bool closed = archive_write_close(a.get()) == ARCHIVE_OK;
+    a.reset();
+    if (!closed) {
         log_error("Failed to complete archive %s", zipname);
-        w.discard();
-        return -1;
+        return discard();
     }
 
     if (unlink(filename) == -1) {

@@ -1,3 +1,7 @@
+// The trace log: every diagnostic of every thread goes through log_log, to stderr and, once a trace
+// file is open, to that file under its lock. Its settings are made during start-up and read by all
+// threads without a lock. It never ends the process (FATAL is a severity only), and a long or null
+// text never costs a line.
 #include "log.h"
 
 #include <math.h>

@@ -1,3 +1,7 @@
+// What this service sets up once for the process and takes down at its end: the service description
+// that the service-init reply and the registry record show (its name from FQ_CLOUD_MODE and
+// FQ_CLUSTER_NAME), libsodium, and OpenSSL's clean-up. main calls it before any serving thread exists
+// and retries a failed init; nothing is left half set up.
 #include <openssl/crypto.h>
 #include <sodium.h>
 #include <stdlib.h>

@@ -1,9 +1,13 @@
+// The scan request of this service: reads the job into its record, runs the scan driver over the
+// object within SCANTIMEOUT, summarises the verdicts and writes the client's reply. The dispatcher
+// calls it for SCAN_ONLY and SCAN_CLEAN on the serving thread that took the job. Every failure (a job
+// that cannot be read, a failure of the driver's own) ends in a SERVICE_ERROR reply with its reason,
+// never in a clean one.
 #include <json-c/json.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <memory>
 
 #include "fq_worker.h"
 #include "fq_worker_RecursiveScan.h"
@@ -12,17 +16,6 @@
 #include "fqhlp_replies.h"
 #include "log.h"
 
-namespace {
-
-struct s_result_deleter {
-    void operator()(fq_worker_scan_result_t* r) const { fq_worker_free_scan_result(&r); }
-};
-struct s_scanobject_deleter {
-    void operator()(fq_worker_scanobject_t* s) const { fq_worker_FreeScanObject(&s); }
-};
-
-}  // namespace
-
 int fq_worker_handle_scan_request(fq_worker_config_t* config, fq_const_request_reply_t* rr,
                                   json_object* request_json, fq_worker_thread_t* thread, bool clean)
 {
@@ -30,8 +23,8 @@ int fq_worker_handle_scan_request(fq_worker_config_t* config, fq_const_request_r
     (void)clean;  // cleaning reaches the services through Command and CUST_CLEAN of the forwarded job
     char errormessage[1024] = "";
     int rc = 0;
-    std::unique_ptr<fq_worker_scan_result_t, s_result_deleter> consolidated(fq_worker_new_scan_result());
-    std::unique_ptr<fq_worker_scanobject_t, s_scanobject_deleter> scanobject;
+    fq_scan_result_ptr consolidated(fq_worker_new_scan_result());
+    fq_scanobject_ptr scanobject;
     fq_message_t* reply = rr ? rr->reply : nullptr;
 
     if (!consolidated) {

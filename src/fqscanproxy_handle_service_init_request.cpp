@@ -1,3 +1,6 @@
+// The service-init reply: how this worker presents itself to a client that asks SERVICE_GET_INFO
+// (versions, signature counts, the time of its package, its name). The dispatcher answers it on the
+// client subject. Without a service description it answers nothing of its own rather than invent one.
 #include <json-c/json.h>
 #include <stdlib.h>
 #include <string.h>

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "fq_connection_client.h"
+#include "fq_raii.h"
 #include "fq_secretbox_encryption.h"
 #include "fq_worker_ping.h"
 #include "nats_server.h"
@@ -36,11 +37,6 @@ std::vector<unsigned char> from_hex(const std::string& hex)
     return out;
 }
 
-struct KeyGuard {
-    fq_secretbox_key_t* k;
-    ~KeyGuard() { fq_secretbox_free_key(k); }
-};
-
 TEST(PeerSecretbox, KeyIsArgon2idOfThePassPhraseWithTheDocumentedSaltAndWorkFactors)
 {
     ASSERT_GE(sodium_init(), 0);
@@ -60,17 +56,17 @@ TEST(PeerSecretbox, KeyIsArgon2idOfThePassPhraseWithTheDocumentedSaltAndWorkFact
 
 TEST(PeerSecretbox, EachEncryptionStepsTheNonceByOneAndOpensWithIt)
 {
-    KeyGuard g{fq_secretbox_generate_key("pass")};
-    ASSERT_NE(g.k, nullptr);
-    std::vector<unsigned char> start(g.k->nonce, g.k->nonce + 24);
-    EXPECT_EQ(std::string(g.k->nonce_hex).size(), 48u);
+    fq_secretbox_key_ptr g(fq_secretbox_generate_key("pass"));
+    ASSERT_NE(g.get(), nullptr);
+    std::vector<unsigned char> start(g.get()->nonce, g.get()->nonce + 24);
+    EXPECT_EQ(std::string(g.get()->nonce_hex).size(), 48u);
 
     std::string plain = "an infected object";
     std::set<std::string> nonces;
     for (int i = 1; i <= 3; ++i) {
         unsigned char* out = nullptr;
         size_t out_len = 0;
-        ASSERT_EQ(fq_secretbox_encrypt_buffer(reinterpret_cast<unsigned char*>(plain.data()), plain.size(), g.k, &out,
+        ASSERT_EQ(fq_secretbox_encrypt_buffer(reinterpret_cast<unsigned char*>(plain.data()), plain.size(), g.get(), &out,
                                               &out_len),
                   0);
         ASSERT_EQ(out_len, plain.size() + 16);
@@ -78,13 +74,13 @@ TEST(PeerSecretbox, EachEncryptionStepsTheNonceByOneAndOpensWithIt)
         std::vector<unsigned char> want = start;
         for (int n = 0; n < i; ++n)
             sodium_increment(want.data(), want.size());
-        const std::vector<unsigned char> used = from_hex(g.k->nonce_hex);
+        const std::vector<unsigned char> used = from_hex(g.get()->nonce_hex);
         EXPECT_EQ(used, want);
-        nonces.insert(g.k->nonce_hex);
+        nonces.insert(g.get()->nonce_hex);
 
         std::string opened(plain.size(), '\0');
         EXPECT_EQ(crypto_secretbox_open_easy(reinterpret_cast<unsigned char*>(opened.data()), out, out_len,
-                                             used.data(), g.k->encryption_key),
+                                             used.data(), g.get()->encryption_key),
                   0);
         EXPECT_EQ(opened, plain);
         free(out);
@@ -95,12 +91,12 @@ TEST(PeerSecretbox, EachEncryptionStepsTheNonceByOneAndOpensWithIt)
     unsigned char* out = nullptr;
     size_t out_len = 0;
     unsigned char* in = reinterpret_cast<unsigned char*>(plain.data());
-    const std::string before = g.k->nonce_hex;
+    const std::string before = g.get()->nonce_hex;
     const std::tuple<unsigned char*, size_t, fq_secretbox_key_t*> refused[] = {
-        {in, 0, g.k}, {nullptr, 5, g.k}, {in, plain.size(), nullptr}};
+        {in, 0, g.get()}, {nullptr, 5, g.get()}, {in, plain.size(), nullptr}};
     for (const auto& [buf, len, key] : refused)
         EXPECT_EQ(fq_secretbox_encrypt_buffer(buf, len, key, &out, &out_len), -1) << len;
-    EXPECT_EQ(before, g.k->nonce_hex);
+    EXPECT_EQ(before, g.get()->nonce_hex);
     fq_secretbox_free_key(nullptr);
 }
 
@@ -255,15 +251,15 @@ TEST_F(PeerQuarantine, PlainObjectIsStoredWithItsMetadata)
 
 TEST_F(PeerQuarantine, EncryptedObjectsAreDecryptedBackToTheOriginalBytes)
 {
-    KeyGuard g{fq_secretbox_generate_key(kPass)};
-    KeyGuard older{fq_secretbox_generate_key("an older phrase")};
-    ASSERT_TRUE(g.k && older.k);
+    fq_secretbox_key_ptr g(fq_secretbox_generate_key(kPass));
+    fq_secretbox_key_ptr older(fq_secretbox_generate_key("an older phrase"));
+    ASSERT_TRUE(g.get() && older.get());
     // Two objects under one key, as the worker's key cache sends them, so the nonce runs on;
     // then one under the other configured pass phrase, which opens objects as well.
     const std::pair<fq_secretbox_key_t*, std::string> cases[] = {
-        {g.k, std::string("MZ\x90\x00 first payload", 18)},
-        {g.k, std::string(300000, '\xA5')},
-        {older.k, "sealed under the old phrase"}};
+        {g.get(), std::string("MZ\x90\x00 first payload", 18)},
+        {g.get(), std::string(300000, '\xA5')},
+        {older.get(), "sealed under the old phrase"}};
     for (const auto& [key, object] : cases) {
         const Sealed sealed = seal(key, object);
         ASSERT_EQ(sealed.cipher.size(), object.size() + 16);
@@ -285,9 +281,9 @@ TEST_F(PeerQuarantine, EncryptedObjectsAreDecryptedBackToTheOriginalBytes)
 
 TEST_F(PeerQuarantine, WhatCannotBeDecryptedOrDoesNotAddUpIsRefusedAndNothingIsStored)
 {
-    KeyGuard wrong{fq_secretbox_generate_key("not the phrase")};
-    KeyGuard right{fq_secretbox_generate_key(kPass)};
-    ASSERT_TRUE(wrong.k && right.k);
+    fq_secretbox_key_ptr wrong(fq_secretbox_generate_key("not the phrase"));
+    fq_secretbox_key_ptr right(fq_secretbox_generate_key(kPass));
+    ASSERT_TRUE(wrong.get() && right.get());
     const std::string object = "payload that must not land as garbage";
     const std::set<std::string> before = files();
 
@@ -299,14 +295,14 @@ TEST_F(PeerQuarantine, WhatCannotBeDecryptedOrDoesNotAddUpIsRefusedAndNothingIsS
         EXPECT_TRUE(text_of(reply, "QuarantineFilename").empty());
         json_object_put(reply);
     };
-    const Sealed foreign = seal(wrong.k, object);
+    const Sealed foreign = seal(wrong.get(), object);
     refused(request_text("a.bin", object.size(), foreign.nonce), foreign.cipher, "wrong pass phrase");
 
-    Sealed tampered = seal(right.k, object);
+    Sealed tampered = seal(right.get(), object);
     tampered.cipher[20] ^= 0x01;
     refused(request_text("b.bin", object.size(), tampered.nonce), tampered.cipher, "wrong pass phrase or damaged");
 
-    const Sealed good = seal(right.k, object);
+    const Sealed good = seal(right.get(), object);
     std::string other_nonce = good.nonce;
     other_nonce[47] = other_nonce[47] == '0' ? '1' : '0';
     refused(request_text("c.bin", object.size(), other_nonce), good.cipher, "damaged");
@@ -336,10 +332,10 @@ TEST_F(PeerQuarantine, WithoutAPassPhraseOnlyPlainObjectsAreTaken)
         other.path());
     ASSERT_TRUE(ready("fq-av-quarantine.plain.only")) << fqtest::read_file(plain_only.stderr_path);
 
-    KeyGuard g{fq_secretbox_generate_key(kPass)};
-    ASSERT_NE(g.k, nullptr);
+    fq_secretbox_key_ptr g(fq_secretbox_generate_key(kPass));
+    ASSERT_NE(g.get(), nullptr);
     const std::string object = "secret stuff";
-    const Sealed sealed = seal(g.k, object);
+    const Sealed sealed = seal(g.get(), object);
     json_object* reply =
         hand_over("fq-av-quarantine.plain.only", request_text("s.bin", object.size(), sealed.nonce), sealed.cipher);
     EXPECT_EQ(rc_of(reply), -1000);

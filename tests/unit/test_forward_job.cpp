@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "fq_raii.h"
 #include "fq_request_reply_types.h"
 #include "fq_worker_forward_job.h"
 #include "fq_worker_scanobject.h"
@@ -148,19 +149,11 @@ const std::vector<std::string> kNumbers = {
     "SCANEXTRACT", "SCANEXTRACT_DEPTH", "SCANEXTRACT_MAX_FILES", "SCANEXTRACT_SIZE", "SCANEXTRACT_RATIO",
     "SCANEXTRACT_NO_VIRUSSCAN", "SCAN_MIN_SIZE", "SCAN_MAX_SIZE"};
 
-struct JsonDeleter {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using Json = std::unique_ptr<json_object, JsonDeleter>;
-struct ScanObjectDeleter {
-    void operator()(fq_worker_scanobject_t* p) const { fq_worker_FreeScanObject(&p); }
-};
-using ScanObject = std::unique_ptr<fq_worker_scanobject_t, ScanObjectDeleter>;
 
 // A client's job, parsed and prepared the way request handling hands it to the driver.
 struct Job {
-    Json json;
-    ScanObject so;
+    fq_json_ptr json;
+    fq_scanobject_ptr so;
 
     explicit Job(const char* text) : json(json_tokener_parse(text)) { EXPECT_NE(nullptr, json.get()) << text; }
     // Sets key to the JSON value written in value_json (or removes it when value_json is null).
@@ -186,7 +179,7 @@ struct Job {
 
 struct Encoded {
     int rc = 0;
-    Json json{json_object_new_object()};
+    fq_json_ptr json{json_object_new_object()};
     std::string text, err;
     bool text_set = false;
 };
@@ -381,12 +374,12 @@ TEST(ForwardJob, BadArgumentsFailClosed)
     ASSERT_NE(nullptr, so);
     const char* txt = "unchanged";
     char err[1024] = "";
-    Json obj(json_object_new_object());
+    fq_json_ptr obj(json_object_new_object());
     EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(nullptr, so, "n", 1, &txt, -1, err));
     EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), nullptr, "n", 1, &txt, -1, err));
     EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), so, nullptr, 1, &txt, -1, err));
     EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), so, "n", 1, nullptr, -1, nullptr));
-    Json array(json_object_new_array());
+    fq_json_ptr array(json_object_new_array());
     EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(array.get(), so, "n", 1, &txt, -1, err));
     so->scanjob_json = nullptr;
     EXPECT_EQ(SERVICE_ERROR, fq_worker_encodescanjobtoJSON(obj.get(), so, "n", 1, &txt, -1, err));

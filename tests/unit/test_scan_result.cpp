@@ -10,15 +10,12 @@
 #include <thread>
 #include <vector>
 
+#include "fq_raii.h"
 #include "fq_request_reply_types.h"
 #include "fq_worker_scan_result.h"
 
 namespace {
 
-struct ResultDeleter {
-    void operator()(fq_worker_scan_result_t* r) const { fq_worker_free_scan_result(&r); }
-};
-using ResultPtr = std::unique_ptr<fq_worker_scan_result_t, ResultDeleter>;
 
 struct Entry {
     const char* name = "obj";
@@ -49,16 +46,16 @@ void add(fq_worker_scan_result_t* r, const Entry& e)
     ASSERT_EQ(fq_worker_add_file_scan_result(r, &f), 0);
 }
 
-ResultPtr with(int rc, const std::vector<Entry>& entries)
+fq_scan_result_ptr with(int rc, const std::vector<Entry>& entries)
 {
-    ResultPtr r(fq_worker_new_scan_result());
+    fq_scan_result_ptr r(fq_worker_new_scan_result());
     r->rc = rc;
     for (const Entry& e : entries)
         add(r.get(), e);
     return r;
 }
 
-const fq_worker_file_scan_result_t* at(const ResultPtr& r, int i)
+const fq_worker_file_scan_result_t* at(const fq_scan_result_ptr& r, int i)
 {
     EXPECT_LT(i, r->no_of_files_scanned);
     return r->fileScanResults[i];
@@ -102,7 +99,7 @@ TEST(ScanResultRecords, NewFreeAndDeepCopy)
     fq_worker_free_scan_result(nullptr);
 
     // Adding copies the record deeply and turns null texts into empty ones.
-    ResultPtr r(fq_worker_new_scan_result());
+    fq_scan_result_ptr r(fq_worker_new_scan_result());
     char name[] = "file.txt";
     fq_worker_file_scan_result_t in{};
     in.rc = SCAN_VIRUS_FOUND;
@@ -119,15 +116,15 @@ TEST(ScanResultRecords, NewFreeAndDeepCopy)
 
 TEST(Merge, SameFileKeepsWorstCodeAndFirstTexts)
 {
-    ResultPtr consolidated = with(5, {});
+    fq_scan_result_ptr consolidated = with(5, {});
     consolidated->error = strdup("kept");
-    ResultPtr parts[] = {
+    fq_scan_result_ptr parts[] = {
         with(0, {{.name = "doc.pdf", .mime = "application/pdf", .objecttype = 0}}),
         with(0, {{.name = "doc.pdf", .rc = SCAN_VIRUS_FOUND, .reason = "Eicar", .size = 1234, .mime = "text/plain",
                   .type = "PDF document", .ext = "pdf", .objecttype = 3}}),
         with(0, {{.name = "doc.pdf", .reason = "Other", .size = 99, .objecttype = 4}}),
     };
-    for (ResultPtr& p : parts)
+    for (fq_scan_result_ptr& p : parts)
         ASSERT_EQ(fq_worker_merge_scanresults(consolidated.get(), p.get()), 0);
     ASSERT_EQ(consolidated->no_of_files_scanned, 1);
     // A later clean verdict doesn't improve the code; the first text stays, an empty one is filled by a later
@@ -143,10 +140,10 @@ TEST(Merge, SameFileKeepsWorstCodeAndFirstTexts)
 
 TEST(Merge, ExactNamesUnknownObjectTypeDuplicatesAndNulls)
 {
-    ResultPtr consolidated = with(0, {});
-    ResultPtr a = with(0, {{.name = "A.txt", .objecttype = -1}, {.name = "b"}, {.name = "y"},
+    fq_scan_result_ptr consolidated = with(0, {});
+    fq_scan_result_ptr a = with(0, {{.name = "A.txt", .objecttype = -1}, {.name = "b"}, {.name = "y"},
                            {.name = "b", .rc = SCAN_ACTIVE_CONTENT_FOUND, .reason = "Macro"}});
-    ResultPtr b = with(0, {{.name = "A.txt", .objecttype = 9}, {.name = "a.txt", .rc = SCAN_POLICY_VIOLATION},
+    fq_scan_result_ptr b = with(0, {{.name = "A.txt", .objecttype = 9}, {.name = "a.txt", .rc = SCAN_POLICY_VIOLATION},
                            {.name = "b ", .rc = SCAN_VIRUS_FOUND}});
     ASSERT_EQ(fq_worker_merge_scanresults(consolidated.get(), a.get()), 0);
     ASSERT_EQ(fq_worker_merge_scanresults(consolidated.get(), b.get()), 0);
@@ -169,8 +166,8 @@ TEST(Merge, ExactNamesUnknownObjectTypeDuplicatesAndNulls)
 TEST(Merge, ConcurrentMergesIntoOneRecordLoseNothing)
 {
     constexpr int threads = 4, per_thread = 300;
-    ResultPtr consolidated = with(0, {});
-    std::vector<ResultPtr> parts;
+    fq_scan_result_ptr consolidated = with(0, {});
+    std::vector<fq_scan_result_ptr> parts;
     for (int t = 0; t < threads; t++) {
         parts.push_back(with(0, {}));
         for (int i = 0; i < per_thread; i++) {
@@ -237,7 +234,7 @@ TEST(Summary, VerdictsWorkUpToParentsAndReasonsJoin)
         {"incomplete beside a virus", V, {{.name = "b", .rc = N, .reason = "Encrypted"}}, V, "Encrypted", {}},
     };
     for (const auto& c : cases) {
-        ResultPtr r = with(c.rc, c.entries);
+        fq_scan_result_ptr r = with(c.rc, c.entries);
         ASSERT_EQ(fq_worker_create_scan_results_summary(r.get()), 0) << c.name;
         EXPECT_EQ(r->rc, c.want_rc) << c.name;
         EXPECT_STREQ(r->blocking_reason, c.want_reason) << c.name;
@@ -251,7 +248,7 @@ TEST(Summary, VerdictsWorkUpToParentsAndReasonsJoin)
     }
 
     // The error is that of the most critical entry, the later one on equal codes.
-    ResultPtr failed = with(R, {{.name = "a", .rc = SERVICE_ERROR, .reason = "x", .error = "first failure"},
+    fq_scan_result_ptr failed = with(R, {{.name = "a", .rc = SERVICE_ERROR, .reason = "x", .error = "first failure"},
                                 {.name = "b", .rc = V, .reason = "V", .error = "not this"},
                                 {.name = "c", .rc = SERVICE_ERROR, .reason = "y", .error = "second failure"}});
     ASSERT_EQ(fq_worker_create_scan_results_summary(failed.get()), 0);
@@ -259,7 +256,7 @@ TEST(Summary, VerdictsWorkUpToParentsAndReasonsJoin)
     EXPECT_STREQ(failed->error, "second failure");
 
     // Nothing to summarise changes nothing.
-    ResultPtr none = with(P, {});
+    fq_scan_result_ptr none = with(P, {});
     none->blocking_reason = strdup("Maximum extraction depth reached");
     ASSERT_EQ(fq_worker_create_scan_results_summary(none.get()), 0);
     EXPECT_EQ(none->rc, P);
@@ -274,7 +271,7 @@ TEST(Summary, ReasonsStopAt4096BytesOnACharacterBoundary)
         accent += "\xc3\xa9";  // two bytes each
     // 2001 + 2 + 2002 + 2 + 2004 bytes: the cut at 4096 falls inside the third text's 43rd character.
     const std::string reasons[] = {"a" + accent, "bb" + accent, "cccc" + accent};
-    ResultPtr r = with(SCAN_RECURSIVE_OK, {});
+    fq_scan_result_ptr r = with(SCAN_RECURSIVE_OK, {});
     for (const std::string& reason : reasons)
         add(r.get(), {.name = reason.c_str(), .rc = SCAN_VIRUS_FOUND, .reason = reason.c_str()});
     ASSERT_EQ(fq_worker_create_scan_results_summary(r.get()), 0);
@@ -286,7 +283,7 @@ TEST(Summary, ReasonsStopAt4096BytesOnACharacterBoundary)
 
 TEST(ScanReply, ExactTextOfVerdicts)
 {
-    ResultPtr r = with(SCAN_VIRUS_FOUND, {{.name = "dir/a.zip", .rc = SCAN_VIRUS_FOUND, .reason = "Eicar",
+    fq_scan_result_ptr r = with(SCAN_VIRUS_FOUND, {{.name = "dir/a.zip", .rc = SCAN_VIRUS_FOUND, .reason = "Eicar",
                                            .size = 5000000000ull, .mime = "application/zip", .encoding = "binary",
                                            .type = "Zip archive", .ext = "zip"},
                                           {.name = "dir/a.zip/\"q\""}});
@@ -305,11 +302,11 @@ TEST(ScanReply, ExactTextOfVerdicts)
               "      \"MIME-type\":\"\",\n      \"MIME-encoding\":\"\",\n      \"File-type\":\"\",\n"
               "      \"Extension\":\"\",\n      \"Object-type\":-1,\n      \"Virusname\":\" \"\n    }\n  ]\n}");
 
-    ResultPtr policy = with(SCAN_POLICY_VIOLATION, {});
+    fq_scan_result_ptr policy = with(SCAN_POLICY_VIOLATION, {});
     policy->blocking_reason = strdup("File too large");
     EXPECT_EQ(reply_of(policy.get()), "{\n  \"ReturnCode\":-200,\n  \"Blocking-reason\":\"File too large\",\n"
                                       "  \"FilesScanned\":0,\n  \"Results\":[\n  ]\n}");
-    ResultPtr clean = with(SCAN_RECURSIVE_OK, {});
+    fq_scan_result_ptr clean = with(SCAN_RECURSIVE_OK, {});
     EXPECT_EQ(reply_of(clean.get()), "{\n  \"ReturnCode\":1,\n  \"FilesScanned\":0,\n  \"Results\":[\n  ]\n}");
 
     // After a summary with entries and nothing blocked the reason is there and empty, the entry's too.
@@ -322,7 +319,7 @@ TEST(ScanReply, ExactTextOfVerdicts)
 TEST(ScanReply, FailuresCarryErrorAndHostButNoFiles)
 {
     const char* failure = "Failed to get reply from service x";
-    ResultPtr r = with(SCAN_RECURSIVE_OK, {{.name = "obj", .rc = SERVICE_ERROR, .reason = "boom", .error = failure},
+    fq_scan_result_ptr r = with(SCAN_RECURSIVE_OK, {{.name = "obj", .rc = SERVICE_ERROR, .reason = "boom", .error = failure},
                                            {.name = "obj2", .rc = SCAN_VIRUS_FOUND, .reason = "V"}});
     ASSERT_EQ(fq_worker_create_scan_results_summary(r.get()), 0);
     char host[256] = "";

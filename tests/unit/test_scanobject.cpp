@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "fq_raii.h"
 #include "fq_worker_scanobject.h"
 #include "log.h"
 #include "stderr_capture.h"
@@ -49,18 +50,10 @@ const std::vector<std::string> kWarned = {
 const std::vector<std::string> kSilentTexts = {"BLOCKEXTENSIONS", "SCANEXTENSIONS", "BLOCKMIMETYPES", "SCANMIMETYPES",
                                                "MIME-type",       "File-type",      "Extension",      "CLEANQUARANTINE"};
 
-struct JsonDeleter {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using Json = std::unique_ptr<json_object, JsonDeleter>;
-struct ScanObjectDeleter {
-    void operator()(fq_worker_scanobject_t* p) const { fq_worker_FreeScanObject(&p); }
-};
-using ScanObject = std::unique_ptr<fq_worker_scanobject_t, ScanObjectDeleter>;
 
-Json parse(const char* text)
+fq_json_ptr parse(const char* text)
 {
-    Json j(json_tokener_parse(text));
+    fq_json_ptr j(json_tokener_parse(text));
     EXPECT_NE(nullptr, j.get()) << text;
     return j;
 }
@@ -76,20 +69,20 @@ void set(json_object* job, const std::string& key, const char* value_json)
 }
 
 struct Parsed {
-    ScanObject so;
+    fq_scanobject_ptr so;
     std::string err;
 };
 
 Parsed get(json_object* job)
 {
     char err[1024] = "untouched";
-    return Parsed{ScanObject(fq_worker_GetScanJobDetails(job, err)), err};
+    return Parsed{fq_scanobject_ptr(fq_worker_GetScanJobDetails(job, err)), err};
 }
 
 // The job's minimal form with one member replaced.
 Parsed get_minimal_with(const std::string& key, const char* value_json)
 {
-    Json job = parse(kMinimalJob);
+    fq_json_ptr job = parse(kMinimalJob);
     set(job.get(), key, value_json);
     return get(job.get());
 }
@@ -140,7 +133,7 @@ const char* text(const fq_worker_scanobject_t* so, const std::string& key)
 
 TEST(ScanJobParse, FullJobFillsEveryFieldWithCopiesAndLeavesTheJobAlone)
 {
-    Json job = parse(kFullJob);
+    fq_json_ptr job = parse(kFullJob);
     const std::string before = json_object_to_json_string_ext(job.get(), JSON_C_TO_STRING_PLAIN);
     Parsed p = get(job.get());
     ASSERT_NE(nullptr, p.so) << p.err;
@@ -174,7 +167,7 @@ TEST(ScanJobParse, MinimalJobKeepsEveryDefaultAndWarnsOnlyForWarnedMembers)
 {
     log_reset_start_state();
     fqtest::StderrCapture cap;
-    Json job = parse(kMinimalJob);
+    fq_json_ptr job = parse(kMinimalJob);
     Parsed p = get(job.get());
     cap.stop();
     ASSERT_NE(nullptr, p.so) << p.err;
@@ -221,7 +214,7 @@ TEST(ScanJobParse, MandatoryMembersFailWhenAbsentEmptyOrNullAndTheFirstInReading
     // For every pair of mandatory members, the one read first is named.
     for (size_t i = 0; i < kMandatory.size(); ++i) {
         for (size_t j = i + 1; j < kMandatory.size(); ++j) {
-            Json job = parse(kMinimalJob);
+            fq_json_ptr job = parse(kMinimalJob);
             set(job.get(), kMandatory[j], nullptr);
             set(job.get(), kMandatory[i], "\"\"");
             Parsed p = get(job.get());
@@ -232,7 +225,7 @@ TEST(ScanJobParse, MandatoryMembersFailWhenAbsentEmptyOrNullAndTheFirstInReading
     }
     // No job, or one that is no object, fails on the first member; a null error buffer is allowed.
     EXPECT_EQ("Failed to read ObjectName from JSON", get(nullptr).err);
-    Json array = parse("[1, 2]");
+    fq_json_ptr array = parse("[1, 2]");
     EXPECT_EQ("Failed to read ObjectName from JSON", get(array.get()).err);
     EXPECT_EQ(nullptr, fq_worker_GetScanJobDetails(array.get(), nullptr));
 }
@@ -300,7 +293,7 @@ TEST(ScanJobParse, NegativeLengthDepthOrBudgetFailsTheJob)
         }
     }
     // ObjectLen is read before Services.
-    Json job = parse(kMinimalJob);
+    fq_json_ptr job = parse(kMinimalJob);
     set(job.get(), "ObjectLen", "-1");
     set(job.get(), "Services", nullptr);
     EXPECT_EQ("Key ObjectLen found, but value -1 is negative", get(job.get()).err);
@@ -320,7 +313,7 @@ TEST(ScanJobParse, TextsOfAnyTypeAndLengthAreCopied)
     }
 
     const std::string big(1 << 20, 'x');
-    Json job = parse(kMinimalJob);
+    fq_json_ptr job = parse(kMinimalJob);
     json_object_object_add(job.get(), "Services", json_object_new_string(big.c_str()));
     json_object_object_add(job.get(), "SCANMIMETYPES", json_object_new_string(big.c_str()));
     Parsed p = get(job.get());
@@ -334,14 +327,14 @@ TEST(ScanJobParse, HostileValuesInEveryMemberNeverCrash)
     const char* values[] = {"null", "[]", "{}", "[{\"x\": [1, {\"y\": null}]}]", "NaN", "-Infinity", "1e308",
                             "-1e308", "\"\"", "true", "false", "-9223372036854775808", "18446744073709551615",
                             "\"0x\"", "\"\\u0000abc\""};
-    Json full = parse(kFullJob);
+    fq_json_ptr full = parse(kFullJob);
     size_t keys = 0, accepted = 0;
     json_object_object_foreach(full.get(), key, val)
     {
         (void)val;
         ++keys;
         for (const char* v : values) {
-            Json job = parse(kFullJob);
+            fq_json_ptr job = parse(kFullJob);
             set(job.get(), key, v);
             Parsed p = get(job.get());
             if (p.so) {
@@ -369,7 +362,7 @@ TEST(ScanJobFree, ReleasesEverythingAndNullsThePointer)
     fq_worker_FreeScanObject(&none);
     EXPECT_EQ(nullptr, none);
 
-    Json job = parse(kFullJob);
+    fq_json_ptr job = parse(kFullJob);
     fq_worker_scanobject_t* so = fq_worker_GetScanJobDetails(job.get(), nullptr);
     ASSERT_NE(nullptr, so);
     // Set the way a later step could: the free takes these along (the leak checker sees if not).

@@ -10,16 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "fq_raii.h"
 #include "fq_request_reply_types.h"
 #include "fq_worker_RecursiveScan.h"
 #include "fq_worker_scan_result.h"
 
 namespace {
 
-struct ResultDeleter {
-    void operator()(fq_worker_scan_result_t* r) const { fq_worker_free_scan_result(&r); }
-};
-using ResultPtr = std::unique_ptr<fq_worker_scan_result_t, ResultDeleter>;
 
 std::vector<std::string> tokens_of(const char* services)
 {
@@ -35,9 +32,9 @@ std::vector<std::string> tokens_of(const char* services)
 }
 
 // A per-service result that already holds something, as the second link of a chain finds it.
-ResultPtr prefilled()
+fq_scan_result_ptr prefilled()
 {
-    ResultPtr r(fq_worker_new_scan_result());
+    fq_scan_result_ptr r(fq_worker_new_scan_result());
     r->rc = 7;
     r->error = strdup("earlier error");
     r->blocking_reason = strdup("earlier reason");
@@ -153,7 +150,7 @@ TEST(ServiceTokens, SeparatorsAndOwnNames)
 
 TEST(ServiceReplyParse, ReadsEveryMemberOfEveryAnnouncedEntry)
 {
-    ResultPtr r = prefilled();
+    fq_scan_result_ptr r = prefilled();
     char error[1024] = "";
     ASSERT_EQ(parse(R"({"ReturnCode":"-210","Blocking-reason":"ignored here","FilesScanned":2,"Results":[
         {"ReturnCode":0,"File-name":"a.zip","MIME-type":"application/zip","MIME-encoding":"binary",
@@ -190,7 +187,7 @@ TEST(ServiceReplyParse, ValidRepliesAndTheirLimits)
         {with_entries(FQ_SERVICE_REPLY_MAX_ENTRIES), SCAN_OK, FQ_SERVICE_REPLY_MAX_ENTRIES, "earlier error"},
     };
     for (const auto& c : cases) {
-        ResultPtr r = prefilled();
+        fq_scan_result_ptr r = prefilled();
         char error[1024] = "";
         ASSERT_EQ(parse(c.reply, r.get(), error), 0) << error << " for " << c.reply.substr(0, 100);
         EXPECT_EQ(r->rc, c.rc);
@@ -202,7 +199,7 @@ TEST(ServiceReplyParse, ValidRepliesAndTheirLimits)
 // What a reply code means for the walk: the result as the reader left it, mapped.
 struct Mapped {
     int rc;
-    ResultPtr result;
+    fq_scan_result_ptr result;
     std::string errormessage;
 };
 Mapped map(int code, const char* reason, const char* errormessage_before = "", const char* service_error = nullptr)
@@ -299,12 +296,12 @@ json_object* scripted_send(void* ctx, const char* service, fq_const_request_repl
 
 struct Scan {
     int rc;
-    ResultPtr result;
+    fq_scan_result_ptr result;
     std::string errormessage;
 };
 Scan scan(Transport& t, const char* token)
 {
-    Scan s{0, ResultPtr(fq_worker_new_scan_result()), ""};
+    Scan s{0, fq_scan_result_ptr(fq_worker_new_scan_result()), ""};
     char errormessage[1024] = "";
     s.rc = fq_worker_scan_with_service(scripted_send, &t, token, "{\"Command\":101}", "EICAR", 5, 4321, s.result.get(),
                                        errormessage, nullptr);
@@ -419,7 +416,7 @@ TEST(ServiceCall, OutcomesOfATokenAndItsChain)
 
     // Without an error buffer of the caller's it still works; without a record or transport it fails.
     t.replies["fq-av-a"] = ok;
-    ResultPtr r(fq_worker_new_scan_result());
+    fq_scan_result_ptr r(fq_worker_new_scan_result());
     EXPECT_EQ(fq_worker_scan_with_service(scripted_send, &t, "fq-av-a", "{}", nullptr, 0, 1, r.get(), nullptr, nullptr),
               SCAN_OK);
     EXPECT_EQ(fq_worker_scan_with_service(scripted_send, &t, "fq-av-a", "{}", nullptr, 0, 1, nullptr, nullptr, nullptr),
@@ -433,7 +430,7 @@ TEST(ServiceReplyParse, HostileRepliesFailChangeNothingAndLeaveNoVerdicts)
     const std::string prefix = "Failed to parse JSON reply from service fq-av-a: ";
     for (const Hostile& h : hostile_replies()) {
         const std::string label = h.reply.substr(0, 200);
-        ResultPtr r = prefilled();
+        fq_scan_result_ptr r = prefilled();
         const std::string before = snapshot(r.get());
         char error[1024] = "";
         EXPECT_NE(parse(h.reply, r.get(), error), 0) << label;
@@ -454,7 +451,7 @@ TEST(ServiceReplyParse, HostileRepliesFailChangeNothingAndLeaveNoVerdicts)
         EXPECT_EQ(s.result->no_of_files_scanned, 0) << label;
     }
     // No reply object at all, and no record.
-    ResultPtr r = prefilled();
+    fq_scan_result_ptr r = prefilled();
     char error[1024] = "";
     EXPECT_NE(fq_worker_parse_scanresult_json(nullptr, r.get(), error), 0);
     json_object* ok = json_tokener_parse(R"({"ReturnCode":0})");

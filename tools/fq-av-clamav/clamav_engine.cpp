@@ -1,3 +1,7 @@
+// fq-av-clamav's engine: one libclamav engine for the process, loaded from a database folder and
+// compiled once, then shared read-only by every serving thread. It turns libclamav's answers into four
+// verdicts (clean, virus, incomplete, error). It never calls clean what libclamav could not look at
+// whole, and never starts from a folder without signatures, which would call everything clean.
 #include "clamav_engine.h"
 
 #include <clamav.h>

@@ -1,3 +1,7 @@
+// One scan job of fq-av-clamav: the object's bytes scanned by the engine, archives unpacked level by
+// level with libarchive (its built-in filters only, never an external program) within the job's depth,
+// file, byte and time limits, and one reply entry per file. Whatever cannot be unpacked or read ends
+// in SCAN_NOT_COMPLETED with its reason; a job without all of its bytes is an error, never clean.
 #include "clamav_job.h"
 
 #include <archive.h>
@@ -7,10 +11,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "fq_raii.h"
 #include "fq_request_reply_types.h"
 #include "fqhlp_replies.h"
 #include "log.h"
@@ -24,16 +28,6 @@ const char s_time_reason[] = "Scan time limit reached";
 const char s_encrypted_reason[] = "Encrypted archive member cannot be read";
 
 const size_t s_read_block = 64 * 1024;
-
-struct s_json_put {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using s_json_ptr = std::unique_ptr<json_object, s_json_put>;
-
-struct s_archive_free {
-    void operator()(struct archive* a) const { archive_read_free(a); }
-};
-using s_archive_ptr = std::unique_ptr<struct archive, s_archive_free>;
 
 struct s_entry {
     std::string name;
@@ -50,9 +44,9 @@ int64_t s_now_ms()
 
 // Opens data as an archive of a format that libarchive unpacks; null for anything else.
 // Only decompression filters built into the library: no external program is ever started.
-s_archive_ptr s_open_archive(const void* data, size_t len)
+fq_archive_read_ptr s_open_archive(const void* data, size_t len)
 {
-    s_archive_ptr a(archive_read_new());
+    fq_archive_read_ptr a(archive_read_new());
     if (!a)
         return nullptr;
     archive_read_support_filter_gzip(a.get());
@@ -171,7 +165,7 @@ void s_walk::scan(const std::string& name, const unsigned char* data, size_t len
         return;
     }
 
-    s_archive_ptr a = s_open_archive(data, len);
+    fq_archive_read_ptr a = s_open_archive(data, len);
     // What libarchive cannot open, libclamav may still unpack itself (formats only it knows).
     std::string detail;
     switch (fqclam_engine_scan(engine_, data, len, name.c_str(), a == nullptr, &detail)) {
@@ -306,8 +300,8 @@ std::string s_build_reply(const s_walk& walk)
     for (const s_entry& e : walk.entries())
         rc = std::min(rc, e.rc);
 
-    s_json_ptr reply(json_object_new_object());
-    s_json_ptr results(json_object_new_array());
+    fq_json_ptr reply(json_object_new_object());
+    fq_json_ptr results(json_object_new_array());
     if (!reply || !results)
         return "";
     json_object_object_add(reply.get(), "ReturnCode", json_object_new_int(rc));
@@ -361,7 +355,7 @@ void fqclam_read_limits(json_object* job, fqclam_limits_t* limits)
 
 char* fqclam_scan_job(const fqclam_engine_t* engine, const char* job_json, const unsigned char* data, size_t len)
 {
-    s_json_ptr job(job_json ? json_tokener_parse(job_json) : nullptr);
+    fq_json_ptr job(job_json ? json_tokener_parse(job_json) : nullptr);
     if (!job || !json_object_is_type(job.get(), json_type_object))
         return s_error_reply("Invalid request: not a JSON object");
     json_object* command = nullptr;

@@ -1,6 +1,8 @@
-// fq-av-clamav: serves the scan service fq-av-clamav. Each staged object is scanned with one
-// libclamav engine shared by all serving threads; archives are unpacked with libarchive, and
-// every nested file is answered as its own result entry.
+// fq-av-clamav: serves the scan service fq-av-clamav, the engine a worker calls for the bytes of an
+// object. Each staged object is scanned with one libclamav engine shared by all serving threads;
+// archives are unpacked with libarchive, and every nested file is answered as its own result entry.
+// A database that does not load stops the program before it serves, and the engine is released only
+// after the last request that uses it is done.
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>

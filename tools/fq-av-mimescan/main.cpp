@@ -1,12 +1,15 @@
-// fq-av-mimescan: a scan service that tells what an object is. For the staged object of a job
-// it reports one result entry with the MIME type, the MIME encoding, the description and the
-// extension that libmagic finds; it never blocks anything by itself.
+// fq-av-mimescan: a scan service that tells what an object is, usually the first of a job's services,
+// so that the worker can pass its findings on to the services after it. For the staged object of a
+// job it reports one result entry with the MIME type, the MIME encoding, the description and the
+// extension that libmagic finds. It never blocks anything by itself, and an object whose bytes are not
+// all there is an error, never a type.
 #include <errno.h>
 #include <magic.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <cctype>
+#include <memory>
 #include <string>
 
 #include "fq_request_reply_types.h"
@@ -19,15 +22,7 @@ namespace {
 std::string s_magic_file;  // empty: libmagic's own database
 
 // A magic_t is not safe between threads: each serving thread opens its own on first use.
-struct s_thread_magic {
-    magic_t cookie = nullptr;
-    ~s_thread_magic()
-    {
-        if (cookie)
-            magic_close(cookie);
-    }
-};
-thread_local s_thread_magic t_magic;
+thread_local std::unique_ptr<struct magic_set, fq::fn_deleter<magic_close>> t_magic;
 
 magic_t s_open_magic(std::string* error)
 {
@@ -90,7 +85,7 @@ int s_mimescan_handler(void* context, fq_const_request_reply_t* rr)
     (void)context;
     if (!rr || !rr->reply)
         return -1;
-    peer_json_ptr request(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
+    fq_json_ptr request(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
     if (!request) {
         peer_set_error(rr, SERVICE_ERROR, "Invalid request: not a JSON object");
         return -1;
@@ -124,17 +119,17 @@ int s_mimescan_handler(void* context, fq_const_request_reply_t* rr)
     }
 
     std::string error;
-    if (!t_magic.cookie)
-        t_magic.cookie = s_open_magic(&error);
-    if (!t_magic.cookie) {
+    if (!t_magic)
+        t_magic.reset(s_open_magic(&error));
+    if (!t_magic) {
         peer_set_error(rr, SERVICE_ERROR, "Cannot examine %s: %s", name.c_str(), error.c_str());
         return -1;
     }
     std::string mime_type, mime_encoding, file_type, extensions;
-    if (!s_look(t_magic.cookie, MAGIC_MIME_TYPE, data, len, &mime_type, &error) ||
-        !s_look(t_magic.cookie, MAGIC_MIME_ENCODING, data, len, &mime_encoding, &error) ||
-        !s_look(t_magic.cookie, MAGIC_NONE, data, len, &file_type, &error) ||
-        !s_look(t_magic.cookie, MAGIC_EXTENSION, data, len, &extensions, &error)) {
+    if (!s_look(t_magic.get(), MAGIC_MIME_TYPE, data, len, &mime_type, &error) ||
+        !s_look(t_magic.get(), MAGIC_MIME_ENCODING, data, len, &mime_encoding, &error) ||
+        !s_look(t_magic.get(), MAGIC_NONE, data, len, &file_type, &error) ||
+        !s_look(t_magic.get(), MAGIC_EXTENSION, data, len, &extensions, &error)) {
         peer_set_error(rr, SERVICE_ERROR, "Cannot examine %s: %s", name.c_str(), error.c_str());
         return -1;
     }
@@ -144,7 +139,7 @@ int s_mimescan_handler(void* context, fq_const_request_reply_t* rr)
     log_debug("%s: %s; %s; %s; extension '%s'", name.c_str(), mime_type.c_str(), mime_encoding.c_str(),
               file_type.c_str(), extension.c_str());
 
-    peer_json_ptr reply(json_object_new_object());
+    fq_json_ptr reply(json_object_new_object());
     json_object* entry = json_object_new_object();
     json_object* results = json_object_new_array();
     if (!reply || !entry || !results) {

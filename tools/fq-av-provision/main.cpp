@@ -1,5 +1,6 @@
-// fq-av-provision: creates on a NATS broker the KV buckets and the work-queue streams and
-// consumers that fq-av-scanproxy and its peers bind to. Safe to run again.
+// fq-av-provision: creates on a NATS broker the KV buckets and the work-queue streams and consumers
+// that fq-av-scanproxy and its peers bind to, before any of them starts. Safe to run again: what
+// exists is left as it is. It only ever creates; it never deletes or changes a bucket or a stream.
 #include <errno.h>
 #include <getopt.h>
 #include <stdio.h>

@@ -1,6 +1,8 @@
-// fq-av-quarantine: the quarantine store behind fq-av-quarantine.<key>. Each object a worker
-// hands over is kept in a directory as <id>.bin with its metadata in <id>.json beside it;
-// encrypted objects are decrypted with the keys derived from the configured pass phrases first.
+// fq-av-quarantine: the quarantine store behind fq-av-quarantine.<key>, which a worker hands an object
+// to when its scan found something and its job asks for quarantine. Each object is kept in a directory
+// as <id>.bin with its metadata in <id>.json beside it; encrypted objects are decrypted first with the
+// keys derived from the configured pass phrases. It never writes outside its directory, never keeps
+// an object it could not decrypt, and a file appears only once it is complete.
 #include <errno.h>
 #include <fcntl.h>
 #include <sodium.h>
@@ -156,7 +158,7 @@ bool s_store(json_object* request, const unsigned char* data, size_t len, bool e
     const std::string object_name = id + ".bin";
     const std::string meta_name = id + ".json";
 
-    peer_json_ptr meta(json_object_new_object());
+    fq_json_ptr meta(json_object_new_object());
     if (!meta) {
         *error = "out of memory";
         return false;
@@ -192,7 +194,7 @@ int s_quarantine_handler(void* context, fq_const_request_reply_t* rr)
     (void)context;
     if (!rr || !rr->reply)
         return -1;
-    peer_json_ptr request(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
+    fq_json_ptr request(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
     if (!request) {
         peer_set_error(rr, SERVICE_ERROR, "Invalid request: not a JSON object");
         return -1;
@@ -286,7 +288,7 @@ int s_quarantine_handler(void* context, fq_const_request_reply_t* rr)
     log_info("Quarantined %s (%zu bytes%s) as %s", name.c_str(), object_size, encrypted ? ", decrypted" : "",
              stored.c_str());
 
-    peer_json_ptr reply(json_object_new_object());
+    fq_json_ptr reply(json_object_new_object());
     if (!reply) {
         peer_set_error(rr, SERVICE_ERROR, "Failed to allocate %s", "reply");
         return -1;

@@ -1,5 +1,7 @@
-// fq-av-scan: scans files and directory trees through the broker with fq-av-scanproxy and prints
-// a verdict per file, the way command-line virus scanners do.
+// fq-av-scan: scans files and directory trees through the broker with fq-av-scanproxy and prints a
+// verdict per file, the way command-line virus scanners do. It is the client end of a scan job: it
+// reads each file, stages it, sends the job and removes the staging again, whatever the outcome.
+// Anything but a verdict in the words of the wire is reported as an error, never as OK.
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -17,7 +19,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,6 +26,7 @@
 
 #include "fq_connection_client.h"
 #include "fq_nats_client.h"
+#include "fq_raii.h"
 #include "fqerror.h"
 #include "log.h"
 #include "scan_job.h"
@@ -465,27 +467,18 @@ std::string s_basename(const std::string& path)
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-struct FileCloser {
-    int fd;
-    ~FileCloser()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
 // The whole file, read into memory; false with the reason in *error.
 bool s_read_file(const fqscan::WalkItem& item, int64_t limit, std::vector<unsigned char>* data, std::string* error)
 {
     // Non-blocking, so that a file turned into a FIFO since the walk cannot hang the scan.
     const int flags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (item.nofollow ? O_NOFOLLOW : 0);
-    FileCloser f{open(item.path.c_str(), flags)};
-    if (f.fd < 0) {
+    fq_fd_guard f(open(item.path.c_str(), flags));
+    if (!f) {
         *error = FQstrerror(errno);
         return false;
     }
     struct stat st;
-    if (fstat(f.fd, &st) != 0) {
+    if (fstat(f.get(), &st) != 0) {
         *error = FQstrerror(errno);
         return false;
     }
@@ -501,7 +494,7 @@ bool s_read_file(const fqscan::WalkItem& item, int64_t limit, std::vector<unsign
     data->resize((size_t)st.st_size);
     size_t got = 0;
     while (got < data->size()) {
-        const ssize_t n = read(f.fd, data->data() + got, data->size() - got);
+        const ssize_t n = read(f.get(), data->data() + got, data->size() - got);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0) {
@@ -519,19 +512,6 @@ bool s_read_file(const fqscan::WalkItem& item, int64_t limit, std::vector<unsign
     return true;
 }
 
-// Removes what was staged when the scan of one file ends, whatever way it ends.
-struct Staging {
-    fq_connection_config* cfg;
-    char* key = nullptr;
-    ~Staging()
-    {
-        if (key) {
-            fq_connection_unstage_scan_data(cfg, key);
-            free(key);
-        }
-    }
-};
-
 fqscan::Outcome s_scan_file(const Options& o, fq_connection_config* cfg, json_object* policy,
                             const fqscan::WalkItem& item)
 {
@@ -542,7 +522,8 @@ fqscan::Outcome s_scan_file(const Options& o, fq_connection_config* cfg, json_ob
     const size_t size = data.size();
 
     const int64_t wait_ms = fqscan::reply_wait_ms(policy);
-    Staging staging{cfg};
+    // Removed again when the scan of this file ends, whatever way it ends.
+    fq_staged_key staging(cfg);
     // An empty object has nothing to stage: the job alone says that it is empty.
     if (size > 0) {
         char errbuf[1024] = "";
@@ -608,8 +589,7 @@ int main(int argc, char** argv)
     if (gethostname(host, sizeof(host) - 1) != 0)
         host[0] = '\0';
     std::string error;
-    std::unique_ptr<json_object, decltype(&json_object_put)> policy(fqscan::build_policy(opts.policy, host, &error),
-                                                                    json_object_put);
+    fq_json_ptr policy(fqscan::build_policy(opts.policy, host, &error));
     if (!policy) {
         fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
         return kExitError;

@@ -1,3 +1,6 @@
+// fq-av-scan's side of the wire: the policy (defaults, then a policy file, then the options), the job
+// text for one file, and the reading of the worker's reply into a verdict. The reply is untrusted:
+// only a well-formed scan reply with a known code is a verdict, and nothing else ever reads as OK.
 #include "scan_job.h"
 
 #include <errno.h>
@@ -7,17 +10,13 @@
 #include <unistd.h>
 #include <uuid/uuid.h>
 
-#include <memory>
 #include <utility>
+
+#include "fq_raii.h"
 
 namespace fqscan {
 
 namespace {
-
-struct s_json_put {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using s_json_ptr = std::unique_ptr<json_object, s_json_put>;
 
 void s_set_int(json_object* o, const char* key, int64_t v)
 {
@@ -193,7 +192,7 @@ std::string s_entry_verdict(int rc, const std::string& virus)
 
 json_object* build_policy(const PolicyOptions& opts, const std::string& hostname, std::string* error)
 {
-    s_json_ptr policy(s_defaults(hostname));
+    fq_json_ptr policy(s_defaults(hostname));
     if (!policy) {
         *error = "out of memory";
         return nullptr;
@@ -207,7 +206,7 @@ json_object* build_policy(const PolicyOptions& opts, const std::string& hostname
             *error = "out of memory";
             return nullptr;
         }
-        s_json_ptr file(json_tokener_parse_ex(tok, text.c_str(), (int)text.size()));
+        fq_json_ptr file(json_tokener_parse_ex(tok, text.c_str(), (int)text.size()));
         const enum json_tokener_error jerr = json_tokener_get_error(tok);
         json_tokener_free(tok);
         if (!file || jerr != json_tokener_success) {
@@ -270,7 +269,7 @@ std::string job_text(json_object* policy, const std::string& object_name, size_t
     json_object* copy = nullptr;
     if (json_object_deep_copy(policy, &copy, nullptr) != 0 || !copy)
         return "";
-    s_json_ptr job(copy);
+    fq_json_ptr job(copy);
     s_set_str(job.get(), "ObjectName", object_name);
     s_set_int(job.get(), "ObjectLen", (int64_t)object_len);
     s_set_str(job.get(), "EventID", event_id);

@@ -1,27 +1,20 @@
+// fq-av-scan's transport: how a job reaches the worker (a core request to its queue group, or a job
+// on its work queue with a reply inbox) and how the client pings it. A work-queue job that nobody took
+// in time is removed from the stream again, so that no worker scans it after its staging is gone.
 #include "scan_transport.h"
 
 #include <json-c/json.h>
 #include <nats/nats.h>
 #include <stdio.h>
 
-#include <memory>
 
 #include "fq_nats_client.h"
 #include "fq_nats_nr_backoff.h"
+#include "fq_raii.h"
 
 namespace fqscan {
 
 namespace {
-
-struct s_msg_destroy {
-    void operator()(natsMsg* m) const { natsMsg_Destroy(m); }
-};
-using s_msg_ptr = std::unique_ptr<natsMsg, s_msg_destroy>;
-
-struct s_json_put {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using s_json_ptr = std::unique_ptr<json_object, s_json_put>;
 
 std::string s_status_text(natsStatus s)
 {
@@ -50,7 +43,7 @@ bool s_request(natsConnection* conn, const char* subject, const std::string& bod
         natsMsg* raw = nullptr;
         const int64_t t = fq_nats_nr_attempt_timeout_ms(&st, wait_ms);
         const natsStatus s = natsConnection_Request(&raw, conn, subject, body.data(), (int)body.size(), t);
-        s_msg_ptr msg(raw);
+        fq_nats_msg_ptr msg(raw);
         if (s == NATS_OK && msg) {
             *reply = s_body(msg.get());
             return true;
@@ -102,9 +95,9 @@ bool request_work_queue(fq_connection_config* cfg, const std::string& body, int6
         *error = "cannot create a reply inbox: " + s_status_text(s);
         return false;
     }
-    std::unique_ptr<natsInbox, void (*)(natsInbox*)> inbox_guard(inbox, natsInbox_Destroy);
+    fq_nats_inbox_ptr inbox_guard(inbox);
 
-    s_json_ptr job(json_tokener_parse(body.c_str()));
+    fq_json_ptr job(json_tokener_parse(body.c_str()));
     if (!job || !json_object_is_type(job.get(), json_type_object)) {
         *error = "the job is not a JSON object";
         return false;
@@ -120,7 +113,7 @@ bool request_work_queue(fq_connection_config* cfg, const std::string& body, int6
         *error = "cannot subscribe to the reply inbox: " + s_status_text(s);
         return false;
     }
-    std::unique_ptr<natsSubscription, void (*)(natsSubscription*)> sub(raw_sub, natsSubscription_Destroy);
+    fq_nats_sub_ptr sub(raw_sub);
 
     jsPubOptions po;
     jsPubOptions_Init(&po);
@@ -142,7 +135,7 @@ bool request_work_queue(fq_connection_config* cfg, const std::string& body, int6
 
     natsMsg* raw = nullptr;
     s = natsSubscription_NextMsg(&raw, sub.get(), wait_ms);
-    s_msg_ptr msg(raw);
+    fq_nats_msg_ptr msg(raw);
     if (s == NATS_OK && msg) {
         *reply = s_body(msg.get());
         return true;

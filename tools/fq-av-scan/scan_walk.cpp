@@ -1,3 +1,6 @@
+// fq-av-scan's walk: the files a command line names, in a stable order. A link named on the command
+// line is followed; inside a tree links are followed only when asked, every directory is entered once
+// so that loops end, and a path that cannot be read is reported on its own instead of ending the run.
 #include "scan_walk.h"
 
 #include <dirent.h>

@@ -1,5 +1,6 @@
-// fq-av-worker-control: the control service a worker pings before it takes work. Every request
-// on fq-av-worker-control is answered {"ReturnCode": 0}.
+// fq-av-worker-control: the control service a worker pings before it takes work; until it answers,
+// a worker waits and takes no scan jobs. Every request on fq-av-worker-control is answered
+// {"ReturnCode": 0}: this reference peer holds no state and never refuses.
 #include "fqhlp_replies.h"
 #include "log.h"
 #include "peer_common.h"
@@ -12,7 +13,7 @@ int s_control_handler(void* context, fq_const_request_reply_t* rr)
     if (!rr || !rr->reply)
         return -1;
     if (rr->request && rr->request->json_txt) {
-        peer_json_ptr request(peer_parse_object(rr->request->json_txt));
+        fq_json_ptr request(peer_parse_object(rr->request->json_txt));
         log_debug("Control request, command %d", request ? peer_read_command(request.get()) : -1);
     }
     fq_reply_set_OK(&rr->reply->json_txt);

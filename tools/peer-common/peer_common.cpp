@@ -1,3 +1,7 @@
+// What the reference peers have in common: the command line, the bounded wait for the broker at
+// start, serving one subject in a queue group with several threads, and the orderly stop on SIGTERM or
+// SIGINT. A peer waits for its serving threads to finish their request before it closes the connection
+// they use, and its exit status says why it ended (usage, broker, connection lost).
 #include "peer_common.h"
 
 #include <dirent.h>

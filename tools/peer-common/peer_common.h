@@ -8,10 +8,10 @@
 #include <stdint.h>
 
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "fq_raii.h"
 #include "fq_request_reply_types.h"
 
 // Exit statuses of every peer.
@@ -69,11 +69,6 @@ extern volatile sig_atomic_t peer_stop;
 // "1500ms", "30s", "30" (seconds), "2m", "1h" in milliseconds; false for anything else.
 bool peer_parse_duration_ms(const char* text, int64_t* out);
 bool peer_parse_int(const char* text, int64_t min, int64_t max, int64_t* out);
-
-struct peer_json_put {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using peer_json_ptr = std::unique_ptr<json_object, peer_json_put>;
 
 // The request text as a JSON object; null if it is not exactly one JSON object (trailing
 // white space aside).

@@ -1,6 +1,7 @@
 // The record sinks fq-av-log and fq-av-events-dispatch: one program, built once per subject
-// (FQ_SINK_NAME). Each record a worker delivers is appended to a file as one line of compact
-// JSON; a request that is no JSON object is answered -1 and not written.
+// (FQ_SINK_NAME), at the receiving end of the worker's log and event delivery. Each record is appended
+// to a file as one line of compact JSON under one lock, so lines never interleave; a request that is
+// no JSON object is answered -1 and not written, and SIGHUP reopens the file after a rotation.
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -95,7 +96,7 @@ int s_sink_handler(void* context, fq_const_request_reply_t* rr)
     (void)context;
     if (!rr || !rr->reply)
         return -1;
-    peer_json_ptr record(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
+    fq_json_ptr record(rr->request ? peer_parse_object(rr->request->json_txt) : nullptr);
     if (!record) {
         peer_set_error(rr, -1, "Request is not a JSON object; not written");
         return -1;
