@@ -19,8 +19,8 @@ namespace fqbench {
 namespace {
 
 // The scan services' stop flag; threads read it until the process ends, so it is not a member.
-volatile sig_atomic_t s_services_stop = 0;
-volatile sig_atomic_t s_relay_stop = 0;
+fq_stop_flag_t s_services_stop{0};
+fq_stop_flag_t s_relay_stop{0};
 
 constexpr int64_t s_default_scan_timeout_ms = 30000;
 

@@ -157,7 +157,7 @@ void fq_connection_registry_delete(fq_connection_config* cfg, const char* key)
 
 int fq_connection_start_service_handler_threads(fq_connection_config* cfg, const char* service,
                                                 fq_request_handler_f_t request_handler, void* request_handler_config,
-                                                volatile const sig_atomic_t* terminate, int number_of_threads)
+                                                const fq_stop_flag_t* terminate, int number_of_threads)
 {
     if (cfg && is_http_url(cfg->server_url)) {
         log_error("fq_connection_start_service_handler_threads: HTTP gateway mode is client-only; cannot run service "
@@ -171,7 +171,7 @@ int fq_connection_start_service_handler_threads(fq_connection_config* cfg, const
 
 int fq_connection_start_js_work_consumer(fq_connection_config* cfg, const char* service,
                                          fq_request_handler_f_t request_handler, void* request_handler_config,
-                                         volatile const sig_atomic_t* terminate, int number_of_threads,
+                                         const fq_stop_flag_t* terminate, int number_of_threads,
                                          sem_t* scan_slot_sem)
 {
     if (cfg && is_http_url(cfg->server_url)) {
@@ -182,4 +182,26 @@ int fq_connection_start_js_work_consumer(fq_connection_config* cfg, const char* 
     }
     return fq_nats_start_js_work_consumer(cfg, service, request_handler, request_handler_config, terminate,
                                           number_of_threads, scan_slot_sem);
+}
+
+fq_connection_state_t fq_connection_state(const fq_connection_config* cfg, char* why, size_t n)
+{
+    if (why && n)
+        why[0] = '\0';
+    // A gateway opens a connection per request: there is nothing to wait for.
+    if (cfg && is_http_url(cfg->server_url))
+        return FQ_CONNECTION_UP;
+    return fq_nats_connection_state(cfg, why, n);
+}
+
+int fq_connection_serving_threads(int* busy)
+{
+    return fq_nats_serving_threads(busy);
+}
+
+int fq_connection_abandon_requests(fq_connection_config* cfg, const char* text)
+{
+    if (!cfg || is_http_url(cfg->server_url))
+        return 0;
+    return fq_nats_abandon_requests(cfg, text);
 }

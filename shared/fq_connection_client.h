@@ -8,9 +8,20 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <atomic>
+
 #include "fq_request_reply_types.h"
 
 #define FQ_NATS_KV_EXTRA_BUCKETS 7
+
+// A process's stop flag: only ever goes from 0 to 1, set from a signal handler or any thread.
+typedef std::atomic<int> fq_stop_flag_t;
+
+typedef enum {
+    FQ_CONNECTION_UP = 0,       // requests can go out (always so on the gateway)
+    FQ_CONNECTION_WAITING = 1,  // not connected yet, or reconnecting: the library keeps trying
+    FQ_CONNECTION_CLOSED = 2,   // closed for good, or never made: nothing will go out again
+} fq_connection_state_t;
 
 typedef struct fq_nats_config {
     char* server_url;
@@ -31,6 +42,9 @@ typedef struct fq_nats_config {
     char* http_proxy_user;
     char* http_proxy_password;
     void* extra_params;
+    // The host's stop flag, or null: the start-up connect attempts stop waiting when it is set.
+    const fq_stop_flag_t* stop_flag;
+    int _connect_status;  // natsStatus of the last start-up connect attempt
     void* _conn;
     void* _js;
     void* _kv;
@@ -48,6 +62,9 @@ fq_connection_config* fq_connection_config_new(void);
 bool is_http_url(const char* url);
 int fq_connection_init(fq_connection_config* cfg);
 void fq_connection_deinit(fq_connection_config* cfg);
+
+// Where the connection stands; why (n bytes, may be null) gets the last error when it is not up.
+fq_connection_state_t fq_connection_state(const fq_connection_config* cfg, char* why, size_t n);
 
 // Requests. retries counts extra attempts; errormsg is null or a 1024-byte buffer for the last failure.
 // The reply object belongs to the caller.
@@ -70,10 +87,18 @@ int fq_connection_registry_put(fq_connection_config* cfg, const char* key, const
 void fq_connection_registry_delete(fq_connection_config* cfg, const char* key);
 
 // Serving (NATS only). terminate is the process's stop flag.
+//
+// Serving threads end on their stop flag once their current request is done. The count of those
+// still running and, in *busy, of those working on a request, tells a stop when it may release
+// the connection; fq_connection_abandon_requests answers the requests still being worked on with
+// SERVICE_ERROR and text, for a stop that cannot wait any longer. fq_connection_deinit keeps the
+// connection's handles (closing the connection only) while serving threads still run.
 int fq_connection_start_service_handler_threads(fq_connection_config* cfg, const char* service,
                                                 fq_request_handler_f_t request_handler, void* request_handler_config,
-                                                volatile const sig_atomic_t* terminate, int number_of_threads);
+                                                const fq_stop_flag_t* terminate, int number_of_threads);
 int fq_connection_start_js_work_consumer(fq_connection_config* cfg, const char* service,
                                          fq_request_handler_f_t request_handler, void* request_handler_config,
-                                         volatile const sig_atomic_t* terminate, int number_of_threads,
+                                         const fq_stop_flag_t* terminate, int number_of_threads,
                                          sem_t* scan_slot_sem);
+int fq_connection_serving_threads(int* busy);
+int fq_connection_abandon_requests(fq_connection_config* cfg, const char* text);

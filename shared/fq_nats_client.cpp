@@ -83,6 +83,14 @@ void s_reconnected_cb(natsConnection* nc, void* closure)
     log_info("NATS: reconnected to %s", url);
 }
 
+void s_connected_cb(natsConnection* nc, void* closure)
+{
+    (void)closure;
+    char url[256] = {0};
+    natsConnection_GetConnectedUrl(nc, url, sizeof(url) - 1);
+    log_info("NATS: connected to %s after waiting for the broker", url);
+}
+
 void s_closed_cb(natsConnection* nc, void* closure)
 {
     (void)nc;
@@ -193,33 +201,56 @@ bool s_configure_options(natsOptions* opts, fq_nats_config* config, bool tls)
     natsOptions_SetDisconnectedCB(opts, s_disconnected_cb, nullptr);
     natsOptions_SetReconnectedCB(opts, s_reconnected_cb, nullptr);
     natsOptions_SetClosedCB(opts, s_closed_cb, nullptr);
-    natsOptions_SetRetryOnFailedConnect(opts, true, nullptr, nullptr);
     return true;
 }
 
-// The start-up connect loop; a handle or null, with the last status in *last.
-natsConnection* s_connect_loop(natsOptions* opts, const char* url, natsStatus* last)
+// Sleeps ms in short steps; false as soon as the host's stop flag is set.
+bool s_pause_unless_stopped(const fq_nats_config* config, int ms)
 {
+    for (int slept = 0; slept < ms; slept += 50) {
+        if (config->stop_flag && config->stop_flag->load())
+            return false;
+        nats_Sleep(std::min(50, ms - slept));
+    }
+    return !(config->stop_flag && config->stop_flag->load());
+}
+
+// The start-up connect loop; a handle or null, with the last status in *last.
+//
+// Each attempt is one synchronous try (bounded by the connect time-out), so that a refused
+// password or a certificate the server rejects is known for what it is at once, and a stop
+// request is seen between attempts. After the last transient failure the handle is made with
+// retry-on-failed-connect: it comes back at once and goes on trying in the background, for good.
+natsConnection* s_connect_loop(natsOptions* opts, const fq_nats_config* config, natsStatus* last)
+{
+    const char* url = config->server_url;
     unsigned int seed = (unsigned int)time(nullptr) ^ (unsigned int)getpid() ^ (2u * (uint32_t)(uintptr_t)opts);
-    natsConnection* conn = nullptr;
     for (int attempt = 1; attempt <= FQ_NATS_CONNECT_ATTEMPTS; ++attempt) {
-        conn = nullptr;
+        natsConnection* conn = nullptr;
+        natsOptions_SetRetryOnFailedConnect(opts, false, nullptr, nullptr);
         natsStatus s = natsConnection_Connect(&conn, opts);
         *last = s;
         if (s == NATS_OK)
             return conn;
+        natsConnection_Destroy(conn);
         if (!fq_nats_connect_status_is_transient(s)) {
             const std::string suffix = s_last_error_suffix();
             log_error("NATS: connect to %s failed permanently on attempt %d/%d: %s%s", url, attempt,
                       FQ_NATS_CONNECT_ATTEMPTS, natsStatus_GetText(s), suffix.c_str());
-            natsConnection_Destroy(conn);
             return nullptr;
         }
         if (attempt == FQ_NATS_CONNECT_ATTEMPTS) {
             log_warn("NATS: connect to %s still failing on final attempt %d/%d (%s) — handing off to background "
-                     "reconnect (MaxReconnect=%d)",
-                     url, attempt, FQ_NATS_CONNECT_ATTEMPTS, natsStatus_GetText(s), FQ_NATS_MAX_RECONNECT);
-            return conn;
+                     "reconnect (reconnecting until the broker answers)",
+                     url, attempt, FQ_NATS_CONNECT_ATTEMPTS, natsStatus_GetText(s));
+            conn = nullptr;
+            natsOptions_SetRetryOnFailedConnect(opts, true, s_connected_cb, nullptr);
+            s = natsConnection_Connect(&conn, opts);
+            *last = s;
+            if (s == NATS_OK || s == NATS_NOT_YET_CONNECTED)
+                return conn;
+            natsConnection_Destroy(conn);
+            return nullptr;
         }
         int base = 200 << (attempt - 1);
         if (base > 2000)
@@ -227,14 +258,12 @@ natsConnection* s_connect_loop(natsOptions* opts, const char* url, natsStatus* l
         const int delay = base + rand_r(&seed) % (base / 2 + 1);
         log_warn("NATS: connect to %s failed transiently on attempt %d/%d (%s) — retrying in %d ms", url, attempt,
                  FQ_NATS_CONNECT_ATTEMPTS, natsStatus_GetText(s), delay);
-        // Each attempt starts from a fresh handle.
-        natsConnection_Destroy(conn);
-        conn = nullptr;
-        struct timespec ts = {delay / 1000, (long)(delay % 1000) * 1000000L};
-        while (nanosleep(&ts, &ts) != 0) {
+        if (!s_pause_unless_stopped(config, delay)) {
+            log_info("NATS: stop requested while connecting to %s", url);
+            return nullptr;
         }
     }
-    return conn;
+    return nullptr;
 }
 
 }  // namespace
@@ -295,7 +324,8 @@ int fq_nats_init(fq_nats_config* config)
         return -1;
 
     natsStatus last = NATS_OK;
-    natsConnection* conn = s_connect_loop(opts.get(), config->server_url, &last);
+    natsConnection* conn = s_connect_loop(opts.get(), config, &last);
+    config->_connect_status = (int)last;
     opts.reset();
     if (!conn) {
         log_error("NATS: failed to obtain connection handle to %s after %d attempts: %s", config->server_url,
@@ -338,10 +368,46 @@ int fq_nats_init(fq_nats_config* config)
     return 0;
 }
 
+fq_connection_state_t fq_nats_connection_state(const fq_nats_config* config, char* why, size_t n)
+{
+    if (why && n)
+        why[0] = '\0';
+    auto* conn = config ? static_cast<natsConnection*>(config->_conn) : nullptr;
+    if (!conn) {
+        if (why && n)
+            snprintf(why, n, "no connection");
+        return FQ_CONNECTION_CLOSED;
+    }
+    const natsConnStatus status = natsConnection_Status(conn);
+    if (status == NATS_CONN_STATUS_CONNECTED)
+        return FQ_CONNECTION_UP;
+    const char* last = nullptr;
+    natsStatus s = natsConnection_GetLastError(conn, &last);
+    if (s == NATS_OK && config->_connect_status != NATS_OK && config->_connect_status != NATS_NOT_YET_CONNECTED) {
+        // Nothing newer from the library: the start-up attempts' own reason still holds.
+        s = (natsStatus)config->_connect_status;
+        last = nullptr;
+    }
+    if (why && n)
+        snprintf(why, n, "%s%s%s", fq_nats_conn_status_text(status), s != NATS_OK ? ": " : "",
+                 s != NATS_OK ? (last && *last ? last : natsStatus_GetText(s)) : "");
+    return status == NATS_CONN_STATUS_CLOSED ? FQ_CONNECTION_CLOSED : FQ_CONNECTION_WAITING;
+}
+
 void fq_nats_deinit(fq_nats_config* config)
 {
     if (!config)
         return;
+    int busy = 0;
+    if (fq_nats_serving_threads(&busy) > 0 && config->_conn) {
+        // A serving thread still holds the connection and the bucket handles: close the connection,
+        // which fails whatever it sends next, and leave the handles to the end of the process.
+        natsConnection_Close(static_cast<natsConnection*>(config->_conn));
+        log_warn("NATS: closed the connection with %d serving thread(s) still running (%d busy); its handles stay "
+                 "until the process ends",
+                 fq_nats_serving_threads(nullptr), busy);
+        return;
+    }
     if (config->_kv_registry) {
         kvStore_Destroy(static_cast<kvStore*>(config->_kv_registry));
         config->_kv_registry = nullptr;

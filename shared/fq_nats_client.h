@@ -25,9 +25,11 @@
 #define FQ_KV_MAX_STAGED_SIZE ((int64_t)2147483647)
 
 #define FQ_NATS_CONNECT_ATTEMPTS 5
-#define FQ_NATS_MAX_RECONNECT 20
+// Reconnect for good: a broker that comes back after any outage finds its workers again.
+#define FQ_NATS_MAX_RECONNECT (-1)
 #define FQ_NATS_RECONNECT_BUF_SIZE 8388608
-#define FQ_NATS_CONNECT_TIMEOUT_MS 10000
+// One connect attempt; also what a stop may have to wait for while an attempt is under way.
+#define FQ_NATS_CONNECT_TIMEOUT_MS 2000
 #define FQ_NATS_PING_INTERVAL_MS 15000
 #define FQ_NATS_MAX_PINGS_OUT 2
 
@@ -46,6 +48,8 @@ void fq_nats_deinit(fq_nats_config* config);
 // those it cannot (credentials, TLS, configuration).
 bool fq_nats_connect_status_is_transient(natsStatus s);
 const char* fq_nats_conn_status_text(natsConnStatus status);
+// Where the connection stands, with the library's last error in why (n bytes) when it is not up.
+fq_connection_state_t fq_nats_connection_state(const fq_nats_config* config, char* why, size_t n);
 // Failed acknowledgements of asynchronous JetStream publishes on contexts made by fq_nats_init.
 uint64_t fq_nats_async_publish_failures(void);
 
@@ -103,22 +107,27 @@ typedef struct fq_nats_handler_thread_args_t {
     natsSubscription* sub;
     fq_request_handler_f_t handler;
     void* handler_config;
-    volatile const sig_atomic_t* terminate;
+    const fq_stop_flag_t* terminate;
     int live_threads;  // the last thread to leave releases the subscription and the record
 } fq_nats_handler_thread_args_t;
 
 int fq_nats_start_service_handler_threads(fq_nats_config* config, const char* service,
                                           fq_request_handler_f_t request_handler, void* request_handler_config,
-                                          volatile const sig_atomic_t* terminate, int number_of_threads);
+                                          const fq_stop_flag_t* terminate, int number_of_threads);
 int fq_nats_start_broadcast_handler_threads(fq_nats_config* config, const char* service,
                                             fq_request_handler_f_t request_handler, void* request_handler_config,
-                                            volatile const sig_atomic_t* terminate, int number_of_threads);
+                                            const fq_stop_flag_t* terminate, int number_of_threads);
 // The staged key a request names in "_kv_key": 0 when it names none, 1 with the key in *key,
 // -1 when the key may not go on the broker (*refusal says why, in words fit for the client).
 int fq_nats_request_staged_key(json_object* request, std::string* key, std::string* refusal);
 void fq_worker_scan_execute(fq_nats_config* config, fq_request_handler_f_t handler, void* handler_config,
                             const void* msg_data, size_t msg_len, char** out_reply_json);
+// Serving threads still running and, in *busy, of those working on a request.
+int fq_nats_serving_threads(int* busy);
+// Answers every request a serving thread is still working on with SERVICE_ERROR and text; the
+// thread then sends nothing more for it. The number answered.
+int fq_nats_abandon_requests(fq_nats_config* config, const char* text);
 int fq_nats_start_js_work_consumer(fq_nats_config* config, const char* service,
                                    fq_request_handler_f_t request_handler, void* request_handler_config,
-                                   volatile const sig_atomic_t* terminate, int number_of_threads,
+                                   const fq_stop_flag_t* terminate, int number_of_threads,
                                    sem_t* scan_slot_sem);

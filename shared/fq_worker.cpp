@@ -28,10 +28,11 @@
 #include "fqhlp_buffer_file.h"
 #include "fqhlp_parse_url.h"
 #include "fqhlp_replies.h"
+#include "fqhlp_timeout.h"
 #include "log-helper.h"
 #include "log.h"
 
-volatile sig_atomic_t killed = 0;
+fq_stop_flag_t killed{0};
 
 // ---------------------------------------------------------------------------
 // Command line
@@ -449,10 +450,10 @@ int s_dispatch_scan(fq_const_request_reply_t* rr, json_object* request_json, fq_
     fq_worker_config_t* config =
         thread && thread->global_parameters ? thread->global_parameters->config : nullptr;
     if (thread)
-        thread->currentstatus = BUSY;
+        fq_atomic_store(thread->currentstatus, BUSY);
     int rc = fq_worker_handle_scan_request(config, rr, request_json, thread, clean);
     if (thread)
-        thread->currentstatus = READY;
+        fq_atomic_store(thread->currentstatus, READY);
     if (rc != 0) {
         const char* reply_text = rr->reply && rr->reply->json_txt ? rr->reply->json_txt : "no reply JSON text";
         log_error("Failed to handle scan request. rc=%d, %s", rc, reply_text);
@@ -645,7 +646,7 @@ void fq_worker_set_all_threads_target_status(zlist_t* worker_threads_list, fq_th
         return;
     for (auto* t = static_cast<fq_worker_thread_t*>(zlist_first(worker_threads_list)); t;
          t = static_cast<fq_worker_thread_t*>(zlist_next(worker_threads_list)))
-        t->targetstatus = targetstatus;
+        fq_atomic_store(t->targetstatus, targetstatus);
 }
 
 void fq_worker_terminate_all_threads(zlist_t* worker_threads_list)
@@ -672,7 +673,7 @@ int fqworker_get_load(zlist_t* threadlist, int samples, int* loadarray)
     for (auto* t = static_cast<fq_worker_thread_t*>(zlist_first(threadlist)); t;
          t = static_cast<fq_worker_thread_t*>(zlist_next(threadlist))) {
         ++total;
-        if (t->currentstatus == BUSY)
+        if (fq_atomic_load(t->currentstatus) == BUSY)
             ++busy;
     }
     // Without threads there is no load to speak of: no figure, so no event.
@@ -709,6 +710,7 @@ struct s_process_t {
     char secret[FQ_SECRET_LEN + 1] = "";
     const char* exitlog = nullptr;
     time_t last_registration_update = 0;
+    time_t broker_away_noted = 0;  // when the trace last said that the broker is away
 };
 
 // Allocates the records and sets their defaults; -1 after the message on failure.
@@ -825,10 +827,38 @@ void s_report_load(s_process_t& p)
 }
 
 void s_build_control_service_name(s_process_t& p);
+
+char* s_exitlog_text(const char* fmt)
+{
+    static char text[1024];
+    snprintf(text, sizeof(text), fmt, FQ_SERVICE_DISPLAY_NAME);
+    return text;
+}
 int s_register(s_process_t& p, bool refresh);
+
+// Sleeps ms in steps of at most 50 ms; false as soon as the stop flag is set.
+bool s_pause_unless_killed(int ms)
+{
+    for (int slept = 0; slept < ms && !killed; slept += 50)
+        zclock_sleep(ms - slept < 50 ? ms - slept : 50);
+    return !killed;
+}
+
+// Says at most every 30 s that the broker is away, and why, so the trace explains a silent worker.
+void s_note_broker_away(s_process_t& p, const char* why)
+{
+    const time_t now = time(nullptr);
+    if (p.broker_away_noted != 0 && now - p.broker_away_noted < 30)
+        return;
+    p.broker_away_noted = now;
+    const fq_connection_config* cc = p.config->connection_config;
+    log_warn("Waiting for the broker at %s (%s); the connection is being re-established in the background",
+             cc->server_url ? cc->server_url : "(none)", why);
+}
 
 void s_main_loop(s_process_t& p)
 {
+    fq_connection_config* cc = p.config->connection_config;
     for (;;) {
         if (killed) {
             if (s_last_signal)
@@ -837,11 +867,27 @@ void s_main_loop(s_process_t& p)
             p.rc = 0;
             return;
         }
+        char why[512];
+        const fq_connection_state_t state = fq_connection_state(cc, why, sizeof(why));
+        if (state == FQ_CONNECTION_CLOSED) {
+            // Alive but useless is worse than gone: a service manager starts a worker again.
+            log_error("The connection to the broker is closed for good (%s) — stopping with status -1", why);
+            p.exitlog = s_exitlog_text("%s lost its broker connection for good");
+            p.rc = -1;
+            return;
+        }
+        if (state == FQ_CONNECTION_UP)
+            p.broker_away_noted = 0;
+        else
+            s_note_broker_away(p, why);
         const time_t now = time(nullptr);
         if (now - p.last_registration_update > p.config->register_interval) {
-            s_build_control_service_name(p);
-            if (s_register(p, true) != 0)
-                log_warn("%s: failed to refresh KV registration — will retry next tick", FQ_SERVICE_DISPLAY_NAME);
+            // While the broker is away a write would only wait for it; the key lapses meanwhile.
+            if (state == FQ_CONNECTION_UP) {
+                s_build_control_service_name(p);
+                if (s_register(p, true) != 0)
+                    log_warn("%s: failed to refresh KV registration — will retry next tick", FQ_SERVICE_DISPLAY_NAME);
+            }
             p.last_registration_update = now;
         }
         s_report_load(p);
@@ -849,14 +895,37 @@ void s_main_loop(s_process_t& p)
     }
 }
 
+// Gives the serving threads a bounded time to finish what they are working on once the stop
+// flag is set; the requests still in work after it are answered with SERVICE_ERROR, so that no
+// client waits for a reply that the closing connection can no longer carry.
+void s_drain_serving_threads(fq_connection_config* cc)
+{
+    const uint64_t deadline = fq_current_time_ms() + FQ_STOP_GRACE_MS;
+    int busy = 0;
+    while (fq_connection_serving_threads(&busy) > 0 && fq_current_time_ms() < deadline)
+        zclock_sleep(20);
+    const int alive = fq_connection_serving_threads(&busy);
+    if (alive == 0) {
+        log_trace("All serving threads have ended");
+        return;
+    }
+    log_warn("%d serving thread(s) still running %d ms after the stop (%d busy)", alive, FQ_STOP_GRACE_MS, busy);
+    if (busy > 0)
+        fq_connection_abandon_requests(cc, "Scan abandoned: the worker is stopping");
+}
+
 void s_stop(s_process_t& p)
 {
-    if (p.control_service_name[0] && p.config)
-        fq_connection_registry_delete(p.config->connection_config, p.control_service_name);
+    fq_connection_config* cc = p.config ? p.config->connection_config : nullptr;
+    // Without the broker the delete would only wait; the record lapses by its time-to-live.
+    if (p.control_service_name[0] && cc && fq_connection_state(cc, nullptr, 0) == FQ_CONNECTION_UP)
+        fq_connection_registry_delete(cc, p.control_service_name);
     fq_worker_terminate_all_threads(p.worker_threads_list);
     p.worker_threads_list = nullptr;
     killed = 1;
-    if (p.config && p.config->scan_slot_semaphore) {
+    s_drain_serving_threads(cc);
+    const bool threads_gone = fq_connection_serving_threads(nullptr) == 0;
+    if (p.config && p.config->scan_slot_semaphore && threads_gone) {
         sem_destroy(p.config->scan_slot_semaphore);
         log_trace("Destroyed scan-slot semaphore");
     }
@@ -864,9 +933,10 @@ void s_stop(s_process_t& p)
     if (p.config)
         log_info("%s worker%s, PID %d shutting down", FQ_SERVICE_DISPLAY_NAME, s_worker_type(p.config),
                  static_cast<int>(getpid()));
-    if (p.config)
-        fq_connection_deinit(p.config->connection_config);
-    if (p.config && p.thread_global_params) {
+    if (cc)
+        fq_connection_deinit(cc);
+    // Library-wide clean-up under a thread that still runs would pull the ground from under it.
+    if (p.config && p.thread_global_params && threads_gone) {
         char errormsg[1024] = "";
         log_trace("Starting worker global cleanup");
         fq_worker_global_cleanup(p.config, p.thread_global_params, errormsg);
@@ -880,6 +950,7 @@ void s_stop(s_process_t& p)
     // The global parameters stay: they are the context of the detached control and worker
     // threads, which may still be finishing a request when the process gets here.
     log_info("Ending worker with rc=%d", p.rc);
+    FQCloseTraceFile();
 }
 
 // The worker's own name: registry key and control subject.
@@ -917,31 +988,43 @@ int s_register(s_process_t& p, bool refresh)
     return fq_connection_registry_put(config->connection_config, p.control_service_name, json, config->registry_ttl_ms);
 }
 
-// No worker thread exists before the control service has answered once, so the
-// worker takes no scan work before then. A stop request ends the wait too.
-void s_wait_for_control_service(s_process_t& p)
+// No worker thread exists before the control service has answered once, so the worker takes no
+// scan work before then. While the broker itself is away the trace says so (and why) instead of
+// pinging into the void; a connection closed for good ends the start-up. The stop flag is looked
+// at between pings and while pausing, so a stop is never held for more than one ping.
+bool s_wait_for_control_service(s_process_t& p)
 {
     fq_connection_config* cc = p.config->connection_config;
     log_debug("Waiting for service fq-av-worker-control on %s:%s", cc->broker_host ? cc->broker_host : cc->server_url,
               cc->broker_port ? cc->broker_port : "");
     int failures = 0;
-    while (!killed && fq_worker_ping(cc, "fq-av-worker-control", false, 3, 2000, 0) != 0) {
-        if (killed)
+    while (!killed) {
+        char why[512];
+        const fq_connection_state_t state = fq_connection_state(cc, why, sizeof(why));
+        if (state == FQ_CONNECTION_CLOSED) {
+            log_error("The connection to the broker at %s is closed for good (%s)", cc->server_url, why);
+            p.exitlog = s_exitlog_text("%s could not connect to its broker");
+            return false;
+        }
+        if (state == FQ_CONNECTION_WAITING) {
+            s_note_broker_away(p, why);
+            s_pause_unless_killed(250);
+            continue;
+        }
+        for (int i = 0; i < 3 && !killed; ++i) {
+            if (fq_worker_ping(cc, "fq-av-worker-control", false, 1, FQ_CONTROL_PING_TIMEOUT_MS, 0) == 0)
+                return true;
+        }
+        if (!s_pause_unless_killed(5000))
             break;
-        zclock_sleep(5000);
         if (++failures == 6) {
             log_warn("Still waiting for service fq-av-worker-control to become available");
             failures = 0;
         }
     }
+    return true;  // the main loop's first pass sees the stop flag and stops in order
 }
 
-char* s_exitlog_text(const char* fmt)
-{
-    static char text[1024];
-    snprintf(text, sizeof(text), fmt, FQ_SERVICE_DISPLAY_NAME);
-    return text;
-}
 
 bool s_start_worker_threads(s_process_t& p)
 {
@@ -1019,10 +1102,11 @@ bool s_start_services(s_process_t& p)
     char errormsg[1024] = "";
     while (fq_worker_global_init(config, p.thread_global_params, errormsg) != 0 && !killed) {
         log_error("Global init of service %s failed: %s - retrying in 1s", FQ_SERVICE_NAME, errormsg);
-        zclock_sleep(1000);
+        s_pause_unless_killed(1000);
     }
 
-    s_wait_for_control_service(p);
+    if (!s_wait_for_control_service(p))
+        return false;
     if (killed)
         return true;  // the main loop's first pass sees the flag and stops in order
 
@@ -1127,10 +1211,7 @@ int fq_worker_main(int argc, char** argv)
         return p.rc;
     }
 
-    // The result is not looked at: a connection still being made goes on in the
-    // background, and the wait for the control service holds the start-up back.
-    fq_connection_init(p.config->connection_config);
-
+    // The trace first, so that an operator can read why a worker does not come up.
     s_open_trace(p.config, argc, argv);
 
     const int samples = 2 * p.config->load_sampling_period;
@@ -1141,7 +1222,20 @@ int fq_worker_main(int argc, char** argv)
     }
     fqctrl_initialize_load_sample_array(p.load_samples, samples);
 
-    if (s_start_services(p))
+    // A connection still being made goes on in the background and the wait for the control
+    // service holds the start-up back; a failure no retry can cure (credentials, certificates)
+    // ends the worker here.
+    fq_connection_config* conn = p.config->connection_config;
+    conn->stop_flag = &killed;
+    bool started = true;
+    if (fq_connection_init(conn) != 0 && !killed) {
+        log_fatal("Cannot connect to the broker at %s: the failure above will not go away by retrying",
+                  conn->server_url ? conn->server_url : "(none)");
+        p.exitlog = s_exitlog_text("%s could not connect to its broker");
+        started = false;
+    }
+
+    if (started && s_start_services(p))
         s_main_loop(p);
     else
         p.rc = -1;

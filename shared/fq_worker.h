@@ -9,6 +9,7 @@
 #include <stddef.h>
 #include <time.h>
 
+#include <atomic>
 #include <memory>
 
 #include "fq_connection_client.h"
@@ -26,9 +27,28 @@
 #define FQ_MAIN_LOOP_SLEEP_MS 250
 #define FQ_TEMP_WORKER_WAIT_S 300
 #define FQ_SECRET_LEN 32
+// A stop gives serving threads this long to finish their request before it answers the rest
+// with SERVICE_ERROR; with the ping below it keeps every stop within about two seconds.
+#define FQ_STOP_GRACE_MS 1000
+// One ping of fq-av-worker-control at start-up; the stop flag is looked at between pings.
+#define FQ_CONTROL_PING_TIMEOUT_MS 1000
 
-// The process's stop flag: only ever goes from 0 to 1.
-extern volatile sig_atomic_t killed;
+// The process's stop flag: only ever goes from 0 to 1. Set by the signal handler, the control
+// handler and the stop sequence; every serving thread watches it.
+extern fq_stop_flag_t killed;
+
+// Words that one thread writes and another reads (thread and update phases) are reached through
+// these, never directly, so that every such access is atomic.
+template <typename T>
+inline T fq_atomic_load(const T& field)
+{
+    return std::atomic_ref<T>(const_cast<T&>(field)).load(std::memory_order_acquire);
+}
+template <typename T>
+inline void fq_atomic_store(T& field, T value)
+{
+    std::atomic_ref<T>(field).store(value, std::memory_order_release);
+}
 
 typedef struct fq_log_thread_param_t fq_log_thread_param_t;
 
@@ -131,16 +151,16 @@ typedef struct fq_worker_thread_t {
     int tid;
     pthread_t thread;
     fq_thread_status targetstatus;
-    volatile fq_thread_status currentstatus;  // written by its thread, sampled by main
+    fq_thread_status currentstatus;  // written by its thread, sampled by main (fq_atomic_*)
     fq_thread_global_params_t* global_parameters;
     fq_thread_local_params_t* thread_local_parameters;
 } fq_worker_thread_t;
 
 typedef struct fq_worker_update_thread_params_t {
     fq_thread_status currentstatus;
-    volatile fq_thread_status targetstatus;
+    fq_thread_status targetstatus;  // fq_atomic_*
     fq_worker_config_t* config;
-    volatile fq_update_status_t status;
+    fq_update_status_t status;  // fq_atomic_*: main, the update thread and the control handler write it
     char* update_deployed_to;
     char* shutdown_servicename;
     char* shutdown_secret;

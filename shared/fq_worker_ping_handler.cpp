@@ -105,7 +105,7 @@ int s_handle_ready(fq_worker_config_t* config, json_object* request, fq_message_
         return -1;
     s_replace(&update->shutdown_secret, shutdown_secret);
     // Written last: the main loop acts on it and reads the two texts above.
-    __atomic_store_n(&update->status, WAITING_FOR_RESTART, __ATOMIC_RELEASE);
+    fq_atomic_store(update->status, WAITING_FOR_RESTART);
     return 0;
 }
 

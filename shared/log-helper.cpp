@@ -4,13 +4,17 @@
 // rotation keeps the trace file as it is and leaves no partial archive behind.
 #include "log-helper.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <string>
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -184,4 +188,63 @@ int FQOpenTraceFile(const char* logfilename, int level, size_t maxsize)
     log_set_lock(nullptr);
     log_set_udata(nullptr);
     return 0;
+}
+
+namespace {
+
+// Whether another process has the named semaphore mapped, which every process tracing to the
+// same file does. The mapping shows the file's inode (glibc maps it under a temporary name), so
+// that is what is compared. Processes this one may not look into are passed over: workers that
+// share a trace file run as one user and can see each other.
+bool s_semaphore_used_elsewhere(const char* semname)
+{
+    struct stat sem_st;
+    if (stat((std::string("/dev/shm/sem.") + semname).c_str(), &sem_st) != 0)
+        return false;
+    const unsigned long want_ino = (unsigned long)sem_st.st_ino;
+    DIR* proc = opendir("/proc");
+    if (!proc)
+        return true;
+    fq_dir_ptr guard(proc);
+    const pid_t self = getpid();
+    while (struct dirent* e = readdir(proc)) {
+        char* end = nullptr;
+        const long pid = strtol(e->d_name, &end, 10);
+        if (*end != '\0' || pid <= 0 || pid == self)
+            continue;
+        char path[64];
+        snprintf(path, sizeof(path), "/proc/%ld/maps", pid);
+        FILE* f = fopen(path, "r");
+        if (!f)
+            continue;  // gone, or not ours to look into
+        fq_file_ptr maps(f);
+        char line[4608];
+        while (fgets(line, sizeof(line), f)) {
+            unsigned long ino = 0;
+            char name[4096] = "";
+            // address perms offset dev inode path
+            if (sscanf(line, "%*s %*s %*s %*s %lu %4095s", &ino, name) == 2 && ino == want_ino &&
+                strncmp(name, "/dev/shm/sem.", 13) == 0)
+                return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+void FQCloseTraceFile(void)
+{
+    const char* filename = log_get_filename();
+    if (!filename || !*filename)
+        return;
+    char semname[4096];
+    s_semaphore_name(filename, semname, sizeof(semname));
+    // Lines from here on go to stderr only. The semaphore stays mapped until the process ends,
+    // since a thread that is still running may be writing a line under it right now.
+    log_set_filename(nullptr);
+    log_set_lock(nullptr);
+    log_set_udata(nullptr);
+    if (!s_semaphore_used_elsewhere(semname))
+        sem_unlink(semname);
 }

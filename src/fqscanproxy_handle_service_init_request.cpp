@@ -53,7 +53,7 @@ char* fq_worker_handle_service_init_request(json_object* request_json, fq_worker
             static_cast<unsigned int>(desc->service_known_variants), desc->update_time);
     }
     if (reply)
-        thread_args->currentstatus = READY;
+        fq_atomic_store(thread_args->currentstatus, READY);
     else
         log_error("Failed to create Service Initialization reply");
     return reply;

@@ -74,7 +74,7 @@ TEST(NatsFacade, GatewayModeIsClientOnlyAndRefusesRequestsClearly)
     EXPECT_EQ(fq_connection_registry_put(cfg, "worker", "{}", 1000), 0);
     fq_connection_registry_delete(cfg, "worker");
 
-    volatile sig_atomic_t stop = 0;
+    fq_stop_flag_t stop{0};
     EXPECT_EQ(fq_connection_start_service_handler_threads(cfg, "fq-av-scanproxy", never_called, nullptr, &stop, 1),
               -1);
     EXPECT_TRUE(cap.contains("fq_connection_start_service_handler_threads: HTTP gateway mode is client-only; cannot "

@@ -200,7 +200,7 @@ TEST_F(NatsHandlerTest, ServingThreadAnswersFailsClosedAndStops)
 {
     fqtest::StderrCapture cap;
     Seen seen;
-    volatile sig_atomic_t stop = 0;
+    fq_stop_flag_t stop{0};
     ASSERT_EQ(fq_connection_start_service_handler_threads(cfg_, "fqt.svc", recording_handler, &seen, &stop, 1), 0);
     natsConnection_Flush(static_cast<natsConnection*>(cfg_->_conn));
 
@@ -235,7 +235,7 @@ TEST_F(NatsHandlerTest, FiftyFirstWaitingMessageIsDroppedAndReported)
     fqtest::StderrCapture cap;
     Seen seen;
     seen.block_first = true;
-    volatile sig_atomic_t stop = 0;
+    fq_stop_flag_t stop{0};
     auto* conn = static_cast<natsConnection*>(cfg_->_conn);
     ASSERT_EQ(fq_connection_start_service_handler_threads(cfg_, "fqt.slow", recording_handler, &seen, &stop, 1), 0);
     natsConnection_Flush(conn);
@@ -277,7 +277,7 @@ TEST_F(NatsHandlerTest, FiftyFirstWaitingMessageIsDroppedAndReported)
 
 TEST_F(NatsHandlerTest, StartRefusesWhatCannotServe)
 {
-    volatile sig_atomic_t stop = 0;
+    fq_stop_flag_t stop{0};
     fqtest::StderrCapture cap;
     fq_connection_config blank{};
     EXPECT_EQ(fq_connection_start_service_handler_threads(&blank, "fqt.x", recording_handler, nullptr, &stop, 1), -1);

@@ -25,7 +25,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-volatile sig_atomic_t s_stop = 0;
+fq_stop_flag_t s_stop{0};
 
 std::string s_entry(const std::string& name, int rc, const std::string& virus = "", const std::string& mime = "")
 {

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "fq_raii.h"
 #include "worker_fixture.h"
 
 using namespace std::chrono_literals;
@@ -47,36 +46,6 @@ private:
     std::vector<std::string> seen_;
 };
 
-std::string s_job(const std::string& key, json_object* services)
-{
-    fq_json_ptr job(json_tokener_parse(
-        "{\"Command\": 101, \"ObjectName\": \"o.txt\", \"ObjectLen\": 4, \"shmID\": \"0xffffffff\", "
-        "\"realmID\": \"r\", \"EventID\": \"e\", \"Hostname\": \"client\", \"SID\": \"S\", \"HTMLDETECTION\": \"OFF\", "
-        "\"Scan-Servers\": \"all\", \"XML_MODE\": \"XML\", \"SVG_MODE\": \"SVG\", \"EVENT_ID_DELIMITER\": \"#\", "
-        "\"SCANTIMEOUT\": 5000}"));
-    json_object_object_add(job.get(), "Services", services);
-    json_object_object_add(job.get(), "_kv_key", json_object_new_string(key.c_str()));
-    return json_object_to_json_string_ext(job.get(), JSON_C_TO_STRING_PLAIN);
-}
-
-struct Verdict {
-    int rc = 0;
-    std::string error;
-};
-
-Verdict s_verdict(const std::optional<std::string>& reply)
-{
-    Verdict v{-99999, "no reply"};
-    if (!reply)
-        return v;
-    fq_json_ptr r(json_tokener_parse(reply->c_str()));
-    json_object* m = nullptr;
-    if (r && json_object_object_get_ex(r.get(), "ReturnCode", &m))
-        v.rc = json_object_get_int(m);
-    v.error = r && json_object_object_get_ex(r.get(), "Error", &m) ? json_object_get_string(m) : "";
-    return v;
-}
-
 TEST(HostileJobs, NeverSteerTheConnectionAndTheWorkerScansOnAfterwards)
 {
     fqtest::WorkerEnv env;
@@ -88,11 +57,8 @@ TEST(HostileJobs, NeverSteerTheConnectionAndTheWorkerScansOnAfterwards)
     auto child = env.spawn_worker({"--console-mode", "--worker-threads", "2"});
     ASSERT_TRUE(env.wait_ready()) << env.trace_text();
 
-    fq_connection_config* client = env.server.make_config();
-    ASSERT_EQ(0, fq_connection_init(client));
-    char* raw_key = nullptr;
-    ASSERT_EQ(0, fq_connection_stage_scan_data(client, "abcd", 4, 60000, &raw_key, nullptr));
-    fq_cstr_ptr key(raw_key);
+    const std::string key = env.stage("abcd");
+    ASSERT_FALSE(key.empty());
     SubjectTap tap(env.peer);
 
     const std::string forged = "$KV.fq-av-worker-registry.forged-worker";
@@ -103,32 +69,33 @@ TEST(HostileJobs, NeverSteerTheConnectionAndTheWorkerScansOnAfterwards)
         const char* member;
     };
     const std::vector<Case> cases = {
-        {"publish injected through a service name", key.get(),
+        {"publish injected through a service name", key,
          json_object_new_string("x 0\r\n\r\nPUB probe.injected 11\r\nhello-world\r\nPUB y"), "Services"},
-        {"forged registry record", key.get(),
+        {"forged registry record", key,
          json_object_new_string(("x 0\r\n\r\nPUB " + forged + " 2\r\n{}\r\nPUB y").c_str()), "Services"},
-        {"injection with a wrong byte count", key.get(),
+        {"injection with a wrong byte count", key,
          json_object_new_string("x\r\nPUB probe.bad 99\r\nhi\r\nPUB y"), "Services"},
-        {"service name of 5000 characters", key.get(), json_object_new_string(std::string(5000, 's').c_str()),
+        {"service name of 5000 characters", key, json_object_new_string(std::string(5000, 's').c_str()),
          "Services"},
-        {"service list that is no text", key.get(), json_tokener_parse("[1,2]"), "Services"},
-        {"the JetStream API as a service", key.get(),
+        {"service list that is no text", key, json_tokener_parse("[1,2]"), "Services"},
+        {"the JetStream API as a service", key,
          json_object_new_string("$JS.API.STREAM.DELETE.KV_fq-av-scan-data"), "Services"},
-        {"a bad link in a + chain", key.get(), json_object_new_string("fq-av-engine+probe x"), "Services"},
-        {"a wildcard service", key.get(), json_object_new_string("probe.>"), "Services"},
+        {"a bad link in a + chain", key, json_object_new_string("fq-av-engine+probe x"), "Services"},
+        {"a wildcard service", key, json_object_new_string("probe.>"), "Services"},
         {"staged key of 4000 characters", std::string(4000, 'k'), json_object_new_string("fq-av-engine"), "_kv_key"},
         {"staged key with an injection", "k\r\nPUB probe.key 2\r\nhi", json_object_new_string("fq-av-engine"),
          "_kv_key"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const Verdict v = s_verdict(env.request("fq-av-scanproxy", s_job(c.key, c.services), 10000));
+        const auto v = env.verdict(env.request("fq-av-scanproxy", env.scan_job(c.key, c.services, 4), 10000));
         EXPECT_EQ(-1000, v.rc);
         EXPECT_NE(std::string::npos, v.error.find(c.member)) << v.error;
     }
 
     // The same worker, on the same connection, still scans.
-    const Verdict clean = s_verdict(env.request("fq-av-scanproxy", s_job(key.get(), json_object_new_string("fq-av-engine")), 10000));
+    const auto clean =
+        env.verdict(env.request("fq-av-scanproxy", env.scan_job(key, json_object_new_string("fq-av-engine"), 4), 10000));
     EXPECT_EQ(1, clean.rc) << clean.error;
     EXPECT_EQ(engine.count(), 1);
 
@@ -140,9 +107,6 @@ TEST(HostileJobs, NeverSteerTheConnectionAndTheWorkerScansOnAfterwards)
     EXPECT_EQ(std::string::npos, server_log.find("maximum control line exceeded"));
     EXPECT_EQ(std::string::npos, server_log.find("Unknown Protocol Operation"));
 
-    fq_connection_unstage_scan_data(client, key.get());
-    fq_connection_deinit(client);
-    fqtest::free_config(&client);
     fqtest::stop_process(child.pid);
 }
 

@@ -2,9 +2,23 @@
 
 #include <semaphore.h>
 #include <sys/stat.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 namespace fqtest {
+
+namespace {
+
+std::string s_trace_semaphore(const std::string& trace)
+{
+    std::string name = "fq_log_" + trace;
+    for (char& ch : name)
+        if (ch == '/')
+            ch = '_';
+    return name;
+}
+
+}  // namespace
 
 WorkerEnv::WorkerEnv(bool with_control)
 {
@@ -29,12 +43,8 @@ WorkerEnv::~WorkerEnv()
     if (peer)
         natsConnection_Destroy(peer);
     server.stop();
-    // The trace file's lock is a named semaphore that outlives the worker.
-    std::string name = "fq_log_" + trace;
-    for (char& ch : name)
-        if (ch == '/')
-            ch = '_';
-    sem_unlink(name.c_str());
+    // A worker killed in a test cannot remove its trace file's semaphore itself.
+    sem_unlink(s_trace_semaphore(trace).c_str());
 }
 
 void WorkerEnv::start_control()
@@ -101,6 +111,54 @@ std::string WorkerEnv::control_subject(pid_t pid)
     char host[256] = "";
     gethostname(host, sizeof(host) - 1);
     return std::string("fq-av-scanproxy.") + host + "_" + std::to_string(pid);
+}
+
+std::string WorkerEnv::stage(const std::string& bytes) const
+{
+    fq_connection_config* client = server.make_config();
+    std::string key;
+    char* raw = nullptr;
+    if (fq_connection_init(client) == 0 &&
+        fq_connection_stage_scan_data(client, bytes.data(), bytes.size(), 120000, &raw, nullptr) == 0 && raw)
+        key = raw;
+    free(raw);
+    fq_connection_deinit(client);
+    free_config(&client);
+    return key;
+}
+
+std::string WorkerEnv::scan_job(const std::string& key, json_object* services, size_t len, int scan_timeout_ms)
+{
+    json_object* job = json_tokener_parse(
+        "{\"Command\": 101, \"ObjectName\": \"o.txt\", \"shmID\": \"0xffffffff\", \"realmID\": \"r\", "
+        "\"EventID\": \"e\", \"Hostname\": \"client\", \"SID\": \"S\", \"HTMLDETECTION\": \"OFF\", "
+        "\"Scan-Servers\": \"all\", \"XML_MODE\": \"XML\", \"SVG_MODE\": \"SVG\", \"EVENT_ID_DELIMITER\": \"#\"}");
+    json_object_object_add(job, "ObjectLen", json_object_new_int64((int64_t)len));
+    json_object_object_add(job, "SCANTIMEOUT", json_object_new_int(scan_timeout_ms));
+    json_object_object_add(job, "Services", services);
+    json_object_object_add(job, "_kv_key", json_object_new_string(key.c_str()));
+    std::string text = json_object_to_json_string_ext(job, JSON_C_TO_STRING_PLAIN);
+    json_object_put(job);
+    return text;
+}
+
+WorkerEnv::Verdict WorkerEnv::verdict(const std::optional<std::string>& reply)
+{
+    Verdict v;
+    if (!reply)
+        return v;
+    json_object* r = json_tokener_parse(reply->c_str());
+    json_object* m = nullptr;
+    v.rc = r && json_object_object_get_ex(r, "ReturnCode", &m) ? json_object_get_int(m) : -99998;
+    v.error = r && json_object_object_get_ex(r, "Error", &m) ? json_object_get_string(m) : "";
+    json_object_put(r);
+    return v;
+}
+
+bool WorkerEnv::trace_semaphore_left() const
+{
+    struct stat st;
+    return stat(("/dev/shm/sem." + s_trace_semaphore(trace)).c_str(), &st) == 0;
 }
 
 }  // namespace fqtest

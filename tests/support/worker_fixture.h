@@ -1,6 +1,7 @@
 // The real worker binary beside a real broker, for process tests.
 #pragma once
 
+#include <json-c/json.h>
 #include <nats/nats.h>
 
 #include <memory>
@@ -44,6 +45,20 @@ public:
 
     // fq-av-scanproxy.<host>_<pid>
     static std::string control_subject(pid_t pid);
+
+    // Stages bytes in fq-av-scan-data as a client would; the key, or "" on failure.
+    std::string stage(const std::string& bytes) const;
+    // A complete scan job for a staged object of len bytes, with the given Services member
+    // (taken over) and the staged key; SCANTIMEOUT in ms.
+    static std::string scan_job(const std::string& key, json_object* services, size_t len, int scan_timeout_ms = 5000);
+    // ReturnCode and Error of a reply; -99999 and "no reply" without one.
+    struct Verdict {
+        int rc = -99999;
+        std::string error = "no reply";
+    };
+    static Verdict verdict(const std::optional<std::string>& reply);
+    // Whether the trace file's named semaphore is still in /dev/shm.
+    bool trace_semaphore_left() const;
 
     TempDir dir;
     NatsServer server;

@@ -311,14 +311,13 @@ bool s_connect(const Options& o, Connection* c, std::string* error)
         *error = "the HTTP gateway is not supported by fq-av-scan; give a nats:// or tls:// URL";
         return false;
     }
-    if (fq_connection_init(c->cfg) != 0 || !c->cfg->_conn) {
-        *error = "cannot connect to the broker at " + o.url;
-        return false;
-    }
     // The facade hands over a handle that keeps trying in the background; a client wants an answer now.
-    auto* conn = static_cast<natsConnection*>(c->cfg->_conn);
-    if (natsConnection_Status(conn) != NATS_CONN_STATUS_CONNECTED) {
-        *error = "cannot connect to the broker at " + o.url;
+    const int rc = fq_connection_init(c->cfg);
+    char why[512] = "";
+    if (rc != 0 || fq_connection_state(c->cfg, why, sizeof(why)) != FQ_CONNECTION_UP) {
+        const char* last = nats_GetLastError(nullptr);
+        *error = "cannot connect to the broker at " + o.url + ": " +
+                 (why[0] ? why : (last && *last ? last : "see the log above"));
         return false;
     }
     return true;

@@ -22,7 +22,7 @@
 #include "fqhlp_replies.h"
 #include "log.h"
 
-volatile sig_atomic_t peer_stop = 0;
+fq_stop_flag_t peer_stop{0};
 
 namespace {
 
@@ -341,6 +341,7 @@ int peer_serve(const peer_program_t& program, const peer_options_t& opts, const 
     cfg->user = s_dup_or_null(opts.user);
     cfg->password = s_dup_or_null(opts.password);
     cfg->cert_path = s_dup_or_null(opts.ca_file);
+    cfg->stop_flag = &peer_stop;
     if (fq_connection_init(cfg) != 0 || !s_connected(cfg)) {
         fprintf(stderr, "%s: cannot connect to the broker at %s (see the log above)\n", program.name,
                 opts.broker.c_str());

@@ -64,7 +64,7 @@ struct peer_service_t {
 int peer_serve(const peer_program_t& program, const peer_options_t& opts, const peer_service_t& service);
 
 // Set by SIGTERM and SIGINT; the serving threads look at it between requests.
-extern volatile sig_atomic_t peer_stop;
+extern fq_stop_flag_t peer_stop;
 
 // "1500ms", "30s", "30" (seconds), "2m", "1h" in milliseconds; false for anything else.
 bool peer_parse_duration_ms(const char* text, int64_t* out);
