@@ -202,6 +202,8 @@ TEST_F(QuarantineHandoff, WithAPassPhraseTheObjectIsSealedUnderRunningNoncesAndR
         auto [id, meta] = new_object(before);
         ASSERT_FALSE(id.empty());
         EXPECT_EQ(s_member(meta.get(), "Encrypted"), "true");
+        // This store has no pass phrase: it keeps the object unopened, without a digest.
+        EXPECT_FALSE(json_object_object_get_ex(meta.get(), "SHA256", nullptr));
         EXPECT_EQ(fqtest::read_file(store_dir() + "/" + id + ".bin").size(), kObject.size() + 16);
         ids.push_back(id);
         nonces.push_back(s_member(meta.get(), "Nonce"));
