@@ -3,7 +3,6 @@
 // quarantine services scripted for what the real store never answers.
 #include <gtest/gtest.h>
 #include <json-c/json.h>
-#include <sodium.h>
 
 #include <atomic>
 #include <filesystem>
@@ -108,25 +107,14 @@ protected:
 
     static fq_json_ptr job(const std::string& cleanquarantine, size_t len)
     {
-        fq_json_ptr j(json_object_new_object());
-        for (const auto& [key, value] :
-             std::vector<std::pair<const char*, std::string>>{{"ObjectName", "in/box/invoice.exe"},
-                                                              {"Services", "fq-av-qengine"},
-                                                              {"realmID", "realm-q"},
-                                                              {"EventID", "ev-q1"},
-                                                              {"Hostname", "client.example"},
-                                                              {"SID", "QAS"},
-                                                              {"Scan-Servers", "all"},
-                                                              {"XML_MODE", "XML"},
-                                                              {"SVG_MODE", "SVG"},
-                                                              {"EVENT_ID_DELIMITER", "#"},
-                                                              {"shmID", "0xffffffff"},
-                                                              {"HTMLDETECTION", "SAFE"},
-                                                              {"CLEANQUARANTINE", cleanquarantine}})
-            json_object_object_add(j.get(), key, json_object_new_string_len(value.data(), (int)value.size()));
-        for (const auto& [key, value] : std::vector<std::pair<const char*, int64_t>>{
-                 {"Command", SCAN_ONLY}, {"ObjectLen", (int64_t)len}, {"SCANTIMEOUT", 5000}, {"PID", 4242}, {"TID", 17}})
-            json_object_object_add(j.get(), key, json_object_new_int64(value));
+        fq_json_ptr j(json_tokener_parse(
+            "{\"Command\": 101, \"ObjectName\": \"in/box/invoice.exe\", \"Services\": \"fq-av-qengine\", "
+            "\"realmID\": \"realm-q\", \"EventID\": \"ev-q1\", \"Hostname\": \"client.example\", \"SID\": \"QAS\", "
+            "\"Scan-Servers\": \"all\", \"XML_MODE\": \"XML\", \"SVG_MODE\": \"SVG\", \"EVENT_ID_DELIMITER\": \"#\", "
+            "\"shmID\": \"0xffffffff\", \"HTMLDETECTION\": \"SAFE\", \"SCANTIMEOUT\": 5000, \"PID\": 4242, \"TID\": 17}"));
+        json_object_object_add(j.get(), "ObjectLen", json_object_new_int64((int64_t)len));
+        json_object_object_add(j.get(), "CLEANQUARANTINE",
+                               json_object_new_string_len(cleanquarantine.data(), (int)cleanquarantine.size()));
         return j;
     }
 
@@ -149,9 +137,9 @@ protected:
     {
         fq_json_ptr j = job(cleanquarantine, bytes.size());
         fq_worker_scanobject_t* so = fq_worker_GetScanJobDetails(j.get(), nullptr);
-        fq_worker_scan_result_t* result = fq_worker_new_scan_result();
-        if (!so || !result)
+        if (!so)
             return {12345, "no scan object"};
+        fq_worker_scan_result_t* result = fq_worker_new_scan_result();
         so->ScanBuffer = reinterpret_cast<const unsigned char*>(bytes.data());
         result->rc = SCAN_VIRUS_FOUND;
         result->blocking_reason = strdup("Eicar-Test-Signature");
@@ -188,48 +176,32 @@ TEST_F(QuarantineHandoff, VirusGoesToTheStoreInPlainWithTheJobsMembersAndTheClie
     EXPECT_FALSE(json_object_object_get_ex(meta.get(), "Nonce", nullptr));
 }
 
-TEST_F(QuarantineHandoff, WithAPassPhraseTheObjectIsSealedUnderRunningNoncesAndRestoresToTheOriginal)
+TEST_F(QuarantineHandoff, WithAPassPhraseTheObjectIsSealedAndTheStoreRestoresTheOriginal)
 {
     const int level = log_get_level();
     log_set_level(FQLOG_TRACE);
     fqtest::StderrCapture log;
-    std::vector<std::string> ids, nonces;
-    for (int i = 0; i < 2; ++i) {
-        const auto before = stored_ids();
-        // The pass phrase runs from the first colon to the end, colons and blanks included.
-        fq_json_ptr reply = scan("q1:open: sesame");
-        EXPECT_EQ(s_member(reply.get(), "ReturnCode"), "-210");
-        auto [id, meta] = new_object(before);
-        ASSERT_FALSE(id.empty());
-        EXPECT_EQ(s_member(meta.get(), "Encrypted"), "true");
-        // This store has no pass phrase: it keeps the object unopened, without a digest.
-        EXPECT_FALSE(json_object_object_get_ex(meta.get(), "SHA256", nullptr));
-        EXPECT_EQ(fqtest::read_file(store_dir() + "/" + id + ".bin").size(), kObject.size() + 16);
-        ids.push_back(id);
-        nonces.push_back(s_member(meta.get(), "Nonce"));
-    }
+    const auto before = stored_ids();
+    // The pass phrase runs from the first colon to the end, colons and blanks included.
+    fq_json_ptr reply = scan("q1:open: sesame");
     const std::string logged = log.stop();
     log_set_level(level);
+    ASSERT_NE(logged.find("Quarantining file"), std::string::npos) << "nothing was captured";
     EXPECT_EQ(logged.find("sesame"), std::string::npos) << "the pass phrase reached the log";
+    EXPECT_EQ(s_member(reply.get(), "ReturnCode"), "-210");
 
-    // The second object's nonce is the first one's plus one (a little-endian number).
-    unsigned char first[24], second[24];
-    ASSERT_EQ(sodium_hex2bin(first, 24, nonces[0].c_str(), nonces[0].size(), nullptr, nullptr, nullptr), 0);
-    ASSERT_EQ(sodium_hex2bin(second, 24, nonces[1].c_str(), nonces[1].size(), nullptr, nullptr, nullptr), 0);
-    sodium_increment(first, sizeof(first));
-    EXPECT_EQ(sodium_memcmp(first, second, 24), 0) << nonces[0] << " then " << nonces[1];
+    auto [id, meta] = new_object(before);
+    ASSERT_FALSE(id.empty());
+    EXPECT_EQ(s_member(meta.get(), "Encrypted"), "true");
+    EXPECT_EQ(s_member(meta.get(), "Nonce").size(), 48u);
+    EXPECT_EQ(fqtest::read_file(store_dir() + "/" + id + ".bin").size(), kObject.size() + 16);
+    // This store has no pass phrase: it keeps the object unopened, without a digest.
+    EXPECT_FALSE(json_object_object_get_ex(meta.get(), "SHA256", nullptr));
 
-    // The store's own restore derives the key from the pass phrase and gets the bytes back.
+    // The store's restore derives the key from the same pass phrase and gets the bytes back.
     fqtest::write_file(dir->path() + "/pass", "open: sesame\n");
-    fqtest::write_file(dir->path() + "/wrong", "open sesame\n");
     std::string out;
-    EXPECT_EQ(fqtest::run_program({kQuarantine, "restore", ids[1], "--directory", store_dir(), "--to",
-                                   dir->path() + "/wrong.out", "--passphrase-file", dir->path() + "/wrong"},
-                                  &out),
-              1)
-        << out;
-    EXPECT_FALSE(std::filesystem::exists(dir->path() + "/wrong.out"));
-    ASSERT_EQ(fqtest::run_program({kQuarantine, "restore", ids[1] + ".bin", "--directory", store_dir(), "--to",
+    ASSERT_EQ(fqtest::run_program({kQuarantine, "restore", id, "--directory", store_dir(), "--to",
                                    dir->path() + "/restored", "--passphrase-file", dir->path() + "/pass"},
                                   &out),
               0)
