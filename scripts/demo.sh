@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole system on this machine in one command: installs what is missing, builds, starts a
 # private nats-server with JetStream, provisions it, starts the reference peers and the worker,
-# scans a few samples made on the spot with fq-av-scan and stops everything it started again.
+# scans a few samples made on the spot with fq-av-scan, sends one of them to the quarantine sealed
+# under a pass phrase and restores it from there, and stops everything it started again.
 #
 #   bash scripts/demo.sh                 run the demo and stop
 #   bash scripts/demo.sh --keep-running  leave the broker, peers and worker running afterwards
@@ -16,7 +17,7 @@ ROOT=$(pwd)
 BUILD=${FQ_BUILD_DIR:-build}
 case "$BUILD" in /*) ;; *) BUILD="$ROOT/$BUILD" ;; esac
 
-PEERS=(fq-av-log fq-av-events-dispatch fq-av-worker-control fq-av-mimescan fq-av-clamav)
+PEERS=(fq-av-log fq-av-events-dispatch fq-av-worker-control fq-av-mimescan fq-av-clamav fq-av-quarantine)
 PROGRAMS=(fq-av-scanproxy fq-av-provision fq-av-scan "${PEERS[@]}")
 
 say() { printf 'demo: %s\n' "$*"; }
@@ -26,8 +27,8 @@ usage() {
   cat <<EOF
 Usage: bash scripts/demo.sh [--keep-running | --stop DIR | --help]
 Installs, builds, starts nats-server -js on 127.0.0.1 (a free port, a temporary store), provisions it,
-starts ${PEERS[*]} and fq-av-scanproxy, scans sample files with fq-av-scan and
-stops everything it started, also on Ctrl-C.
+starts ${PEERS[*]} and fq-av-scanproxy, scans sample files with fq-av-scan, quarantines
+one of them sealed and restores it, and stops everything it started, also on Ctrl-C.
   --keep-running  leave everything running and print how to use and stop it
   --stop DIR      stop what a --keep-running demo started (DIR is printed by it)
 Environment: FQ_BUILD_DIR (default build), FQ_DEMO_SKIP_INSTALL=1, FQ_DEMO_SKIP_BUILD=1.
@@ -183,6 +184,9 @@ start fq-av-events-dispatch "$BUILD/fq-av-events-dispatch" --broker "$URL" --thr
 start fq-av-worker-control "$BUILD/fq-av-worker-control" --broker "$URL" --threads 1
 start fq-av-mimescan "$BUILD/fq-av-mimescan" --broker "$URL" --threads 2
 start fq-av-clamav "$BUILD/fq-av-clamav" --broker "$URL" --threads 2
+# Without a pass phrase of its own: sealed objects stay sealed until an operator restores them.
+Q="$WORK/quarantine"
+start fq-av-quarantine "$BUILD/fq-av-quarantine" --broker "$URL" --threads 1 --key demo --directory "$Q"
 start fq-av-scanproxy "$BUILD/fq-av-scanproxy" --console-mode --basedir "$WORK/base" --broker "$URL" \
   --tracefile "$WORK/trace.log" --tracelevel 4 --worker-threads 8
 
@@ -221,6 +225,28 @@ case "$scan_status" in
   *) say "fq-av-scan exit status $scan_status: errors (see $WORK/trace.log and $WORK/logs/)" ;;
 esac
 
+# 5. The quarantine: the EICAR sample once more, in a job that asks for non-clean objects to go to
+#    fq-av-quarantine.demo sealed under a pass phrase; then restored from there with that phrase.
+(umask 077 && printf '%s\n' 'demo pass phrase: not for production' >"$WORK/quarantine.pass")
+(umask 077 && printf '{"CLEANQUARANTINE": "demo:%s"}\n' "$(head -n 1 "$WORK/quarantine.pass")" \
+  >"$WORK/quarantine-policy.json")
+say "scanning $S/eicar.com again with CLEANQUARANTINE demo:<pass phrase>"
+echo
+set +e
+"$BUILD/fq-av-scan" --broker "$URL" --policy "$WORK/quarantine-policy.json" "$S/eicar.com"
+quarantine_status=$?
+set -e
+echo
+"$BUILD/fq-av-quarantine" list --directory "$Q"
+id=$("$BUILD/fq-av-quarantine" list --directory "$Q" | awk -F '\t' 'NR == 1 { print $1 }')
+[ -n "$id" ] || die "nothing reached the quarantine (fq-av-scan exit status $quarantine_status; see $WORK/trace.log)"
+"$BUILD/fq-av-quarantine" restore "$id" --directory "$Q" --to "$WORK/restored-eicar.com" \
+  --passphrase-file "$WORK/quarantine.pass"
+original=$(sha256sum <"$S/eicar.com" | cut -d ' ' -f 1)
+restored=$(sha256sum <"$WORK/restored-eicar.com" | cut -d ' ' -f 1)
+[ "$original" = "$restored" ] || die "the restored object's SHA-256 $restored differs from the original's $original"
+say "restored $id from the quarantine: SHA-256 $restored matches the original"
+
 if [ "$keep" = 1 ]; then
   finished=1
   cat <<EOF
@@ -230,7 +256,8 @@ demo: everything keeps running
   scan     $BUILD/fq-av-scan --broker $URL PATH...
            e.g. $BUILD/fq-av-scan --broker $URL --verbose $S
   trace    $WORK/trace.log; program output in $WORK/logs/
+  quarantine $BUILD/fq-av-quarantine list --directory $Q
   stop     bash scripts/demo.sh --stop $WORK
 EOF
 fi
-[ "$scan_status" = 1 ]
+[ "$scan_status" = 1 ] && [ "$quarantine_status" = 1 ]

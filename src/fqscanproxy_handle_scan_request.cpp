@@ -14,7 +14,49 @@
 #include "fq_worker_scan_result.h"
 #include "fq_worker_scanobject.h"
 #include "fqhlp_replies.h"
+#include "fqscanproxy_quarantine.h"
 #include "log.h"
+
+namespace {
+
+// A failed hand-off marks the reply that was written: ReturnCode becomes the text "-1000" and
+// Error says why, the other members stay. The object is then reported as neither clean nor kept.
+void s_mark_quarantine_failed(fq_message_t* reply, const char* errormessage)
+{
+    if (!reply || !reply->json_txt)
+        return;
+    fq_json_ptr obj(json_tokener_parse(reply->json_txt));
+    if (!obj || !json_object_is_type(obj.get(), json_type_object))
+        return;
+    json_object_object_add(obj.get(), "ReturnCode", json_object_new_string("-1000"));
+    json_object_object_add(obj.get(), "Error", json_object_new_string(errormessage));
+    const char* text = json_object_to_json_string_ext(obj.get(), JSON_C_TO_STRING_NOSLASHESCAPE);
+    char* copy = text ? strdup(text) : nullptr;
+    if (!copy)
+        return;
+    free(reply->json_txt);
+    reply->json_txt = copy;
+}
+
+// After the reply is written: a non-clean result of a job with CLEANQUARANTINE goes to the
+// quarantine first. Returns what the request's result becomes.
+int s_quarantine_step(int rc, fq_worker_config_t* config, fq_worker_scan_result_t* consolidated,
+                      fq_worker_scanobject_t* scanobject, fq_message_t* reply, char* errormessage)
+{
+    if (rc == 0 || !scanobject || !scanobject->CLEANQUARANTINE || !scanobject->CLEANQUARANTINE[0])
+        return rc;
+    log_warn("Quarantining file");
+    char* stored_name = nullptr;
+    rc = fqscanproxy_quarantine(consolidated, config, scanobject, &stored_name, errormessage);
+    free(stored_name);
+    if (rc == 0)
+        return 0;
+    log_error("Failed to quarantine file: %s", errormessage);
+    s_mark_quarantine_failed(reply, errormessage);
+    return SERVICE_ERROR;
+}
+
+}  // namespace
 
 int fq_worker_handle_scan_request(fq_worker_config_t* config, fq_const_request_reply_t* rr,
                                   json_object* request_json, fq_worker_thread_t* thread, bool clean)
@@ -76,7 +118,7 @@ int fq_worker_handle_scan_request(fq_worker_config_t* config, fq_const_request_r
     if (reply && !reply->json_txt)
         fq_reply_set_ERROR(&reply->json_txt, SERVICE_ERROR, errormessage);
 
-    // The quarantine hand-off joins here; until it does, a job asking for it is answered like one without.
+    rc = s_quarantine_step(rc, config, consolidated.get(), scanobject.get(), reply, errormessage);
 
     return rc == SERVICE_ERROR ? SERVICE_ERROR : 0;
 }

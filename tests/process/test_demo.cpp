@@ -97,7 +97,7 @@ protected:
 TEST_F(Demo, ScansTheSamplesAndStopsWhatItStarted)
 {
     for (const char* p : {"fq-av-worker-control", "fq-av-mimescan", "fq-av-clamav", "fq-av-log",
-                          "fq-av-events-dispatch"})
+                          "fq-av-events-dispatch", "fq-av-quarantine"})
         ASSERT_TRUE(s_exists(std::string(FQ_BUILD_DIR "/") + p)) << p << " is not built";
     auto demo = start({});
     std::string out;
@@ -111,13 +111,17 @@ TEST_F(Demo, ScansTheSamplesAndStopsWhatItStarted)
     // The nested file, as the engine names it inside the archive.
     EXPECT_TRUE(s_has_line(out, "  archive\\.zip/.+/eicar\\.com: .*Eicar.* FOUND.*")) << out;
     EXPECT_TRUE(s_has_line(out, ".*/samples/large\\.bin: File too large BLOCKED")) << out;
+    // The sample sent to the quarantine sealed comes back from it as it was.
+    EXPECT_TRUE(s_has_line(out, "[0-9T]+Z-[0-9a-f-]+\t.*\tsealed\teicar\\.com\t.*Eicar.*")) << out;
+    EXPECT_TRUE(s_has_line(out, "demo: restored \\S+ from the quarantine: SHA-256 [0-9a-f]{64} matches the original"))
+        << out;
 
     const auto started = s_started(out);
     std::vector<std::string> names;
     for (const auto& s : started)
         names.push_back(s.name);
     EXPECT_EQ((std::vector<std::string>{"nats-server", "fq-av-log", "fq-av-events-dispatch", "fq-av-worker-control",
-                                        "fq-av-mimescan", "fq-av-clamav", "fq-av-scanproxy"}),
+                                        "fq-av-mimescan", "fq-av-clamav", "fq-av-quarantine", "fq-av-scanproxy"}),
               names);
     expect_all_gone(started);
     const std::string work = s_match(out, "demo: scanning (.*)/samples");
@@ -131,7 +135,7 @@ TEST_F(Demo, KeepRunningLeavesItUpUntilStopped)
     std::string out;
     ASSERT_EQ(0, finish(demo, &out)) << out << fqtest::read_file(demo.stderr_path);
     const auto started = s_started(out);
-    ASSERT_EQ(7u, started.size()) << out;
+    ASSERT_EQ(8u, started.size()) << out;
     for (const auto& s : started)
         EXPECT_TRUE(fqtest::process_alive(s.pid)) << s.name;
 
@@ -162,7 +166,7 @@ TEST_F(Demo, InterruptedStopsWhatItStarted)
     // Normally caught on the way; a demo that was already done ends with 0.
     EXPECT_TRUE(status == 143 || status == 0) << status << "\n" << out;
     const auto started = s_started(out);
-    EXPECT_EQ(7u, started.size()) << out;
+    EXPECT_EQ(8u, started.size()) << out;
     expect_all_gone(started);
 }
 

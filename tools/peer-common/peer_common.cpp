@@ -94,7 +94,7 @@ void s_usage(FILE* out, const peer_program_t& program)
     s_print_option(out, "l", "log-level", "N", "0 off .. 6 trace, on stderr (default 4, info)");
     s_print_option(out, "h", "help", nullptr, "this text");
     fprintf(out,
-            "\nDurations D are numbers with an optional unit: ms, s (the default), m or h.\n"
+            "\nDurations D are numbers with an optional unit: ms, s (the default), m, h or d.\n"
             "SIGTERM or SIGINT stops the program in order (exit status 0).\n"
             "Exit status: 1 for a usage or set-up error, 2 when the broker cannot be reached or refuses\n"
             "at start, 3 when the connection to the broker is lost for good while serving.\n");
@@ -220,6 +220,8 @@ bool peer_parse_duration_ms(const char* text, int64_t* out)
         factor = 60000;
     else if (strcmp(end, "h") == 0)
         factor = 3600000;
+    else if (strcmp(end, "d") == 0)
+        factor = 86400000;
     else
         return false;
     const double ms = v * factor;

@@ -66,7 +66,7 @@ int peer_serve(const peer_program_t& program, const peer_options_t& opts, const 
 // Set by SIGTERM and SIGINT; the serving threads look at it between requests.
 extern fq_stop_flag_t peer_stop;
 
-// "1500ms", "30s", "30" (seconds), "2m", "1h" in milliseconds; false for anything else.
+// "1500ms", "30s", "30" (seconds), "2m", "1h", "7d" in milliseconds; false for anything else.
 bool peer_parse_duration_ms(const char* text, int64_t* out);
 bool peer_parse_int(const char* text, int64_t min, int64_t max, int64_t* out);
 
