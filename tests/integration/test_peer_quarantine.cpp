@@ -1,7 +1,5 @@
 // The secret-box unit both sides of an encrypted quarantine hand-off rely on, and
 // tools/fq-av-quarantine as a real process storing plain and encrypted objects.
-#include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <sodium.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -13,18 +11,16 @@
 #include <utility>
 #include <vector>
 
-#include "fq_connection_client.h"
+#include "broker_test.h"
 #include "fq_raii.h"
 #include "fq_secretbox_encryption.h"
 #include "fq_worker_ping.h"
-#include "nats_server.h"
-#include "process_util.h"
+#include "samples.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-const std::string kQuarantine = std::string(FQ_BUILD_DIR) + "/fq-av-quarantine";
 // The salt every quarantine service must use; crypto_pwhash reads its first 16 bytes.
 const char kSaltHex[] = "2fd63d8b986bca084f144775ce3f68719b053297967beb6b02d6159e0d85d200";
 
@@ -57,9 +53,9 @@ TEST(PeerSecretbox, KeyIsArgon2idOfThePassPhraseWithTheDocumentedSaltAndWorkFact
 TEST(PeerSecretbox, EachEncryptionStepsTheNonceByOneAndOpensWithIt)
 {
     fq_secretbox_key_ptr g(fq_secretbox_generate_key("pass"));
-    ASSERT_NE(g.get(), nullptr);
-    std::vector<unsigned char> start(g.get()->nonce, g.get()->nonce + 24);
-    EXPECT_EQ(std::string(g.get()->nonce_hex).size(), 48u);
+    ASSERT_NE(g, nullptr);
+    std::vector<unsigned char> start(g->nonce, g->nonce + 24);
+    EXPECT_EQ(std::string(g->nonce_hex).size(), 48u);
 
     std::string plain = "an infected object";
     std::set<std::string> nonces;
@@ -74,13 +70,13 @@ TEST(PeerSecretbox, EachEncryptionStepsTheNonceByOneAndOpensWithIt)
         std::vector<unsigned char> want = start;
         for (int n = 0; n < i; ++n)
             sodium_increment(want.data(), want.size());
-        const std::vector<unsigned char> used = from_hex(g.get()->nonce_hex);
+        const std::vector<unsigned char> used = from_hex(g->nonce_hex);
         EXPECT_EQ(used, want);
-        nonces.insert(g.get()->nonce_hex);
+        nonces.insert(g->nonce_hex);
 
         std::string opened(plain.size(), '\0');
         EXPECT_EQ(crypto_secretbox_open_easy(reinterpret_cast<unsigned char*>(opened.data()), out, out_len,
-                                             used.data(), g.get()->encryption_key),
+                                             used.data(), g->encryption_key),
                   0);
         EXPECT_EQ(opened, plain);
         free(out);
@@ -91,58 +87,30 @@ TEST(PeerSecretbox, EachEncryptionStepsTheNonceByOneAndOpensWithIt)
     unsigned char* out = nullptr;
     size_t out_len = 0;
     unsigned char* in = reinterpret_cast<unsigned char*>(plain.data());
-    const std::string before = g.get()->nonce_hex;
+    const std::string before = g->nonce_hex;
     const std::tuple<unsigned char*, size_t, fq_secretbox_key_t*> refused[] = {
         {in, 0, g.get()}, {nullptr, 5, g.get()}, {in, plain.size(), nullptr}};
     for (const auto& [buf, len, key] : refused)
         EXPECT_EQ(fq_secretbox_encrypt_buffer(buf, len, key, &out, &out_len), -1) << len;
-    EXPECT_EQ(before, g.get()->nonce_hex);
+    EXPECT_EQ(before, g->nonce_hex);
     fq_secretbox_free_key(nullptr);
 }
 
-class PeerQuarantine : public ::testing::Test {
+class PeerQuarantine : public fqtest::BrokerTest {
 protected:
-    static inline fqtest::NatsServer* server = nullptr;
-    static inline fq_connection_config* cfg = nullptr;
-    static inline fqtest::TempDir* dir = nullptr;
-    static inline fqtest::Child child;
     static inline const char* kPass = "open: sesame";
 
-    static std::string store() { return dir->path() + "/store"; }
+    static std::string store() { return suite.dir->path() + "/store"; }
 
     static void SetUpTestSuite()
     {
-        server = new fqtest::NatsServer();
-        std::string err;
-        ASSERT_TRUE(server->start(&err)) << err;
-        ASSERT_TRUE(server->provision(nullptr, nullptr, &err)) << err;
-        cfg = server->make_config();
-        ASSERT_EQ(fq_connection_init(cfg), 0);
-        dir = new fqtest::TempDir();
+        BrokerTest::SetUpTestSuite();
         // The pass phrase from a file, as an operator would keep it out of the process list.
-        fqtest::write_file(dir->path() + "/pass", std::string(kPass) + "\n");
-        child = fqtest::spawn({kQuarantine, "--broker", server->url(), "--key", "vault1", "--directory", store(),
-                               "--passphrase", "an older phrase", "--passphrase-file", dir->path() + "/pass"},
-                              dir->path());
-        ASSERT_TRUE(ready("fq-av-quarantine.vault1")) << fqtest::read_file(child.stderr_path);
-    }
-    static void TearDownTestSuite()
-    {
-        if (child.pid > 0)
-            fqtest::stop_process(child.pid);
-        fq_connection_deinit(cfg);
-        fqtest::free_config(&cfg);
-        delete dir;
-        delete server;
-    }
-
-    static bool ready(const std::string& subject)
-    {
-        return fqtest::wait_for(
-            [&] {
-                return fq_connection_simple_request(cfg, subject.c_str(), "{\"Command\": 3}", 200, 0, nullptr) == 0;
-            },
-            15s);
+        fqtest::write_file(suite.dir->path() + "/pass", std::string(kPass) + "\n");
+        suite.start_program("fq-av-quarantine",
+                            {"--key", "vault1", "--directory", store(), "--passphrase", "an older phrase",
+                             "--passphrase-file", suite.dir->path() + "/pass"},
+                            "fq-av-quarantine.vault1");
     }
 
     static std::string request_text(const std::string& name, size_t object_len, const std::string& nonce = "")
@@ -158,15 +126,9 @@ protected:
     }
 
     // The hand-off as the worker makes it: the payload staged, the request on the key's subject.
-    static json_object* hand_over(const std::string& subject, const std::string& text, const std::string& payload)
+    static fqtest::Json hand_over(const std::string& subject, const std::string& text, const std::string& payload)
     {
-        fq_const_request_reply_t* rr = fq_const_request_reply_new();
-        rr->request->json_txt = text.c_str();
-        rr->request->data = reinterpret_cast<const unsigned char*>(payload.data());
-        rr->request->data_len = payload.size();
-        json_object* reply = fq_connection_send_recv_json_data(cfg, subject.c_str(), rr, 10000, 0, 0, nullptr);
-        fq_const_request_reply_free_structs(&rr);
-        return reply;
+        return fqtest::Json(suite.send(subject, text, payload, 10000));
     }
 
     // What the worker sends for an encrypted object: the sealed bytes and the nonce they used.
@@ -187,15 +149,10 @@ protected:
         return sealed;
     }
 
-    static int rc_of(json_object* reply)
+    // The metadata stored beside an object.
+    static fqtest::Json meta_of(const std::string& stored)
     {
-        json_object* v = nullptr;
-        return reply && json_object_object_get_ex(reply, "ReturnCode", &v) ? json_object_get_int(v) : 12345;
-    }
-    static std::string text_of(json_object* reply, const char* key)
-    {
-        json_object* v = nullptr;
-        return reply && json_object_object_get_ex(reply, key, &v) ? json_object_get_string(v) : "";
+        return fqtest::Json(fqtest::read_file(store() + "/" + stored.substr(0, stored.size() - 4) + ".json"));
     }
     static std::set<std::string> files()
     {
@@ -208,12 +165,10 @@ protected:
 
 TEST_F(PeerQuarantine, PlainObjectIsStoredWithItsMetadata)
 {
-    const std::string object = std::string("X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR") + std::string(3, '\0') + "tail";
-    json_object* reply = hand_over("fq-av-quarantine.vault1", request_text("in/box/eicar.com", object.size()), object);
-    ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(rc_of(reply), 0) << text_of(reply, "Error");
-    const std::string stored = text_of(reply, "QuarantineFilename");
-    json_object_put(reply);
+    const std::string object = fqtest::kEicar.substr(0, 33) + std::string(3, '\0') + "tail";
+    fqtest::Json reply = hand_over("fq-av-quarantine.vault1", request_text("in/box/eicar.com", object.size()), object);
+    EXPECT_EQ(reply.rc(), 0) << reply.text();
+    const std::string stored = reply.str("QuarantineFilename");
     ASSERT_FALSE(stored.empty());
     ASSERT_EQ(stored.find('/'), std::string::npos) << "a name inside the store, never the client's path";
 
@@ -222,30 +177,25 @@ TEST_F(PeerQuarantine, PlainObjectIsStoredWithItsMetadata)
     ASSERT_EQ(stat((store() + "/" + stored).c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
 
-    const std::string meta_path = store() + "/" + stored.substr(0, stored.size() - 4) + ".json";
-    json_object* meta = json_tokener_parse(fqtest::read_file(meta_path).c_str());
-    ASSERT_NE(meta, nullptr) << meta_path;
     unsigned char digest[crypto_hash_sha256_BYTES];
     crypto_hash_sha256(digest, reinterpret_cast<const unsigned char*>(object.data()), object.size());
     char hex[2 * crypto_hash_sha256_BYTES + 1];
     sodium_bin2hex(hex, sizeof(hex), digest, sizeof(digest));
+    const fqtest::Json meta = meta_of(stored);
     const std::pair<const char*, std::string> want[] = {
         {"ObjectName", "in/box/eicar.com"}, {"ObjectLen", std::to_string(object.size())},
         {"realmID", "realm-7"}, {"EventID", "ev-99"}, {"ResultDescription", "Eicar-Test-Signature"},
         {"PID", "4242"}, {"QuarantineFilename", stored}, {"Encrypted", "false"},
         {"StoredSize", std::to_string(object.size())}, {"SHA256", hex}};
     for (const auto& [key, value] : want)
-        EXPECT_EQ(text_of(meta, key), value) << key;
-    EXPECT_FALSE(json_object_object_get_ex(meta, "Command", nullptr));
-    json_object_put(meta);
+        EXPECT_EQ(meta.str(key), value) << key;
+    EXPECT_FALSE(meta.has("Command"));
 
     // An empty object has nothing staged and is stored all the same.
     reply = hand_over("fq-av-quarantine.vault1", request_text("empty.txt", 0), "");
-    EXPECT_EQ(rc_of(reply), 0) << text_of(reply, "Error");
-    const std::string empty = text_of(reply, "QuarantineFilename");
-    json_object_put(reply);
-    ASSERT_FALSE(empty.empty());
-    ASSERT_EQ(stat((store() + "/" + empty).c_str(), &st), 0);
+    EXPECT_EQ(reply.rc(), 0) << reply.text();
+    ASSERT_FALSE(reply.str("QuarantineFilename").empty());
+    ASSERT_EQ(stat((store() + "/" + reply.str("QuarantineFilename")).c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 0);
 }
 
@@ -253,7 +203,7 @@ TEST_F(PeerQuarantine, EncryptedObjectsAreDecryptedBackToTheOriginalBytes)
 {
     fq_secretbox_key_ptr g(fq_secretbox_generate_key(kPass));
     fq_secretbox_key_ptr older(fq_secretbox_generate_key("an older phrase"));
-    ASSERT_TRUE(g.get() && older.get());
+    ASSERT_TRUE(g && older);
     // Two objects under one key, as the worker's key cache sends them, so the nonce runs on;
     // then one under the other configured pass phrase, which opens objects as well.
     const std::pair<fq_secretbox_key_t*, std::string> cases[] = {
@@ -263,19 +213,14 @@ TEST_F(PeerQuarantine, EncryptedObjectsAreDecryptedBackToTheOriginalBytes)
     for (const auto& [key, object] : cases) {
         const Sealed sealed = seal(key, object);
         ASSERT_EQ(sealed.cipher.size(), object.size() + 16);
-        json_object* reply = hand_over("fq-av-quarantine.vault1",
-                                       request_text("sample.exe", object.size(), sealed.nonce), sealed.cipher);
-        ASSERT_NE(reply, nullptr);
-        EXPECT_EQ(rc_of(reply), 0) << text_of(reply, "Error");
-        const std::string stored = text_of(reply, "QuarantineFilename");
-        json_object_put(reply);
+        const fqtest::Json reply = hand_over("fq-av-quarantine.vault1",
+                                             request_text("sample.exe", object.size(), sealed.nonce), sealed.cipher);
+        EXPECT_EQ(reply.rc(), 0) << reply.text();
+        const std::string stored = reply.str("QuarantineFilename");
         ASSERT_FALSE(stored.empty());
         EXPECT_TRUE(fqtest::read_file(store() + "/" + stored) == object) << object.size() << " bytes";
-        const std::string meta_path = store() + "/" + stored.substr(0, stored.size() - 4) + ".json";
-        json_object* meta = json_tokener_parse(fqtest::read_file(meta_path).c_str());
-        EXPECT_EQ(text_of(meta, "Encrypted"), "true");
-        EXPECT_EQ(text_of(meta, "Nonce"), sealed.nonce);
-        json_object_put(meta);
+        EXPECT_EQ(meta_of(stored).str("Encrypted"), "true");
+        EXPECT_EQ(meta_of(stored).str("Nonce"), sealed.nonce);
     }
 }
 
@@ -283,17 +228,15 @@ TEST_F(PeerQuarantine, WhatCannotBeDecryptedOrDoesNotAddUpIsRefusedAndNothingIsS
 {
     fq_secretbox_key_ptr wrong(fq_secretbox_generate_key("not the phrase"));
     fq_secretbox_key_ptr right(fq_secretbox_generate_key(kPass));
-    ASSERT_TRUE(wrong.get() && right.get());
+    ASSERT_TRUE(wrong && right);
     const std::string object = "payload that must not land as garbage";
     const std::set<std::string> before = files();
 
     auto refused = [&](const std::string& text, const std::string& payload, const char* error_part) {
-        json_object* reply = hand_over("fq-av-quarantine.vault1", text, payload);
-        EXPECT_EQ(rc_of(reply), -1000) << text;
-        const std::string error = text_of(reply, "Error");
-        EXPECT_NE(error.find(error_part), std::string::npos) << error;
-        EXPECT_TRUE(text_of(reply, "QuarantineFilename").empty());
-        json_object_put(reply);
+        const fqtest::Json reply = hand_over("fq-av-quarantine.vault1", text, payload);
+        EXPECT_EQ(reply.rc(), -1000) << text;
+        EXPECT_NE(reply.str("Error").find(error_part), std::string::npos) << reply.text();
+        EXPECT_FALSE(reply.has("QuarantineFilename"));
     };
     const Sealed foreign = seal(wrong.get(), object);
     refused(request_text("a.bin", object.size(), foreign.nonce), foreign.cipher, "wrong pass phrase");
@@ -319,33 +262,32 @@ TEST_F(PeerQuarantine, WhatCannotBeDecryptedOrDoesNotAddUpIsRefusedAndNothingIsS
 TEST_F(PeerQuarantine, AnswersTheWorkersPingOnItsKeysSubjectOnly)
 {
     // The worker's check before a hand-off: two tries of 100 ms.
-    EXPECT_EQ(fq_worker_ping(cfg, const_cast<char*>("fq-av-quarantine.vault1"), false, 2, 100, 100), 0);
-    EXPECT_EQ(fq_connection_simple_request(cfg, "fq-av-quarantine.vault1", "{ \"Command\" : 3 }", 2000, 0, nullptr), 0);
-    EXPECT_EQ(fq_worker_ping(cfg, const_cast<char*>("fq-av-quarantine.vault2"), false, 2, 100, 100), -1);
+    EXPECT_EQ(fq_worker_ping(suite.cfg, "fq-av-quarantine.vault1", false, 2, 100, 100), 0);
+    EXPECT_EQ(fq_worker_ping(suite.cfg, "fq-av-quarantine.vault2", false, 2, 100, 100), -1);
 }
 
 TEST_F(PeerQuarantine, WithoutAPassPhraseOnlyPlainObjectsAreTaken)
 {
     fqtest::TempDir other;
-    fqtest::Child plain_only = fqtest::spawn(
-        {kQuarantine, "--broker", server->url(), "--key", "plain.only", "--directory", other.path(), "-t", "1"},
-        other.path());
-    ASSERT_TRUE(ready("fq-av-quarantine.plain.only")) << fqtest::read_file(plain_only.stderr_path);
+    fqtest::Child plain_only =
+        fqtest::spawn({fqtest::build_program("fq-av-quarantine"), "--broker", suite.server->url(), "--key",
+                       "plain.only", "--directory", other.path(), "-t", "1"},
+                      other.path());
+    ASSERT_TRUE(fqtest::answers_ping(suite.peer, "fq-av-quarantine.plain.only"))
+        << fqtest::read_file(plain_only.stderr_path);
 
     fq_secretbox_key_ptr g(fq_secretbox_generate_key(kPass));
-    ASSERT_NE(g.get(), nullptr);
+    ASSERT_NE(g, nullptr);
     const std::string object = "secret stuff";
     const Sealed sealed = seal(g.get(), object);
-    json_object* reply =
+    fqtest::Json reply =
         hand_over("fq-av-quarantine.plain.only", request_text("s.bin", object.size(), sealed.nonce), sealed.cipher);
-    EXPECT_EQ(rc_of(reply), -1000);
-    EXPECT_NE(text_of(reply, "Error").find("no pass phrase"), std::string::npos) << text_of(reply, "Error");
-    json_object_put(reply);
+    EXPECT_EQ(reply.rc(), -1000);
+    EXPECT_NE(reply.str("Error").find("no pass phrase"), std::string::npos) << reply.text();
 
     reply = hand_over("fq-av-quarantine.plain.only", request_text("p.bin", object.size()), object);
-    EXPECT_EQ(rc_of(reply), 0) << text_of(reply, "Error");
-    EXPECT_EQ(fqtest::read_file(other.path() + "/" + text_of(reply, "QuarantineFilename")), object);
-    json_object_put(reply);
+    EXPECT_EQ(reply.rc(), 0) << reply.text();
+    EXPECT_EQ(fqtest::read_file(other.path() + "/" + reply.str("QuarantineFilename")), object);
 
     ASSERT_EQ(kill(plain_only.pid, SIGTERM), 0);
     int status = -1;

@@ -14,53 +14,20 @@
 #include <string>
 #include <vector>
 
+#include "json_util.h"
 #include "worker_fixture.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-const std::string kScan = FQ_BUILD_DIR "/fq-av-scan";
+const std::string kScan = fqtest::build_program("fq-av-scan");
 
-struct Json {
-    json_object* obj = nullptr;
-    explicit Json(const std::string& text) : obj(json_tokener_parse(text.c_str())) {}
-    ~Json() { json_object_put(obj); }
-    Json(const Json&) = delete;
-    Json& operator=(const Json&) = delete;
-    json_object* get(const char* key) const
-    {
-        json_object* v = nullptr;
-        return obj && json_object_object_get_ex(obj, key, &v) ? v : nullptr;
-    }
-    std::string text(const char* key) const
-    {
-        json_object* v = get(key);
-        return v ? json_object_get_string(v) : "";
-    }
-    int64_t num(const char* key) const
-    {
-        json_object* v = get(key);
-        return v ? json_object_get_int64(v) : -99999;
-    }
-};
+using fqtest::Json;
 
 std::string s_entry(const std::string& name, int rc, const std::string& virus = "")
 {
-    std::string e = "{\"ReturnCode\": " + std::to_string(rc) + ", \"File-name\": \"" + name +
-                    "\", \"File-size\": 11, \"Object-type\": -1, \"MIME-type\": \"text/plain\"";
-    if (!virus.empty())
-        e += ", \"Virusname\": \"" + virus + "\"";
-    return e + "}";
-}
-
-std::string s_reply(int rc, const std::vector<std::string>& entries)
-{
-    std::string r = "{\"ReturnCode\": " + std::to_string(rc) + ", \"FilesScanned\": " + std::to_string(entries.size()) +
-                    ", \"Results\": [";
-    for (size_t i = 0; i < entries.size(); ++i)
-        r += (i ? ", " : "") + entries[i];
-    return r + "]}";
+    return fqtest::service_entry(name, rc, virus, "text/plain");
 }
 
 // A scan service that finds "Test.Virus" in objects whose name begins with "bad", fails on
@@ -69,12 +36,12 @@ fqtest::Responder::Fn s_engine()
 {
     return [](const std::string& body) -> std::optional<std::string> {
         Json job(body);
-        const std::string name = job.text("ObjectName");
+        const std::string name = job.str("ObjectName");
         if (name.rfind("bad", 0) == 0)
-            return s_reply(-210, {s_entry(name, -210, "Test.Virus"), s_entry(name + "/inner.exe", -210, "Test.Virus")});
+            return fqtest::service_reply(-210, {s_entry(name, -210, "Test.Virus"), s_entry(name + "/inner.exe", -210, "Test.Virus")});
         if (name.rfind("broken", 0) == 0)
             return std::string("{\"ReturnCode\": -1000, \"Error\": \"engine down\"}");
-        return s_reply(0, {s_entry(name, 0)});
+        return fqtest::service_reply(0, {s_entry(name, 0)});
     };
 }
 
@@ -188,7 +155,7 @@ TEST_F(ScanClient, CleanFileIsOkAndTheJobCarriesTheDefaults)
 
     ASSERT_EQ(1, engine.count());
     Json job(engine.bodies()[0]);
-    EXPECT_EQ("report.txt", job.text("ObjectName"));
+    EXPECT_EQ("report.txt", job.str("ObjectName"));
     EXPECT_EQ(11, job.num("ObjectLen"));
     EXPECT_EQ(101, job.num("Command"));
     EXPECT_EQ(30000, job.num("SCANTIMEOUT"));
@@ -196,8 +163,8 @@ TEST_F(ScanClient, CleanFileIsOkAndTheJobCarriesTheDefaults)
     EXPECT_EQ(5, job.num("SCANEXTRACT_DEPTH"));
     char host[256] = "";
     gethostname(host, sizeof(host) - 1);
-    EXPECT_EQ(host, job.text("Hostname"));
-    EXPECT_FALSE(job.text("EventID").empty());
+    EXPECT_EQ(host, job.str("Hostname"));
+    EXPECT_FALSE(job.str("EventID").empty());
 }
 
 TEST_F(ScanClient, FindingIsFoundWithItsNestedEntriesAndExitsOne)
@@ -269,15 +236,15 @@ TEST_F(ScanClient, PolicyFileAndOptionsMakeTheJob)
     ASSERT_EQ(2, engine.count());
     Json first(engine.bodies()[0]);
     Json second(engine.bodies()[1]);
-    EXPECT_EQ("S42", first.text("SID"));
-    EXPECT_EQ("r7", first.text("realmID"));
+    EXPECT_EQ("S42", first.str("SID"));
+    EXPECT_EQ("r7", first.str("realmID"));
     EXPECT_EQ(1, first.num("CUST_CLEAN"));
     EXPECT_EQ(3, first.num("SCANEXTRACT_DEPTH"));
     EXPECT_EQ(5000, first.num("SCANTIMEOUT"));
-    EXPECT_EQ("one.txt", first.text("ObjectName"));
+    EXPECT_EQ("one.txt", first.str("ObjectName"));
     // Each object has an id of its own, whatever the policy says.
-    EXPECT_NE("fixed", first.text("EventID"));
-    EXPECT_NE(first.text("EventID"), second.text("EventID"));
+    EXPECT_NE("fixed", first.str("EventID"));
+    EXPECT_NE(first.str("EventID"), second.str("EventID"));
 
     const std::string broken = file("broken.json", "{\"SID\": ");
     ScanRun bad = scan({"--policy", broken, files / "two"});
@@ -317,8 +284,8 @@ TEST_F(ScanClient, JsonLinesCarryThePathAndTheReply)
     std::map<std::string, int64_t> codes;
     for (std::string line; std::getline(lines, line);) {
         Json j(line);
-        ASSERT_NE(nullptr, j.obj) << line;
-        codes[j.text("path")] = j.num("ReturnCode");
+        ASSERT_TRUE(j) << line;
+        codes[j.str("path")] = j.num("ReturnCode");
     }
     EXPECT_EQ((std::map<std::string, int64_t>{{ok, 1}, {bad, -210}}), codes);
     // The summary stays out of the JSON lines.
