@@ -1,10 +1,7 @@
-// Staged payloads, the registry and the bucket handle cache against a real broker whose
-// buckets expire entries after two seconds.
+// Staged payloads, the registry's writes and the bucket handle cache against a real broker.
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <string>
@@ -20,8 +17,6 @@
 
 namespace {
 
-constexpr int64_t kShortAgeMs = 2000;
-
 std::string unique_key()
 {
     char k[128];
@@ -31,15 +26,6 @@ std::string unique_key()
 
 class NatsKvTest : public fqtest::BrokerTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        fq_provision_opts_t po;
-        fq_provision_opts_defaults(&po);
-        po.scan_data_max_age_ms = kShortAgeMs;
-        po.registry_max_age_ms = kShortAgeMs;
-        suite.start(&po);
-    }
-
     // 0 found, 1 not found, -1 failure; the value in *value when given.
     static int get(const char* bucket, const std::string& key, std::string* value = nullptr)
     {
@@ -112,33 +98,17 @@ TEST_F(NatsKvTest, ChunkBoundariesAndExactMetadata)
     }
 }
 
-TEST_F(NatsKvTest, StagedPayloadReadsBackByteForByteAndUnstageRemovesIt)
+TEST_F(NatsKvTest, InvalidArgumentsStageOrRegisterNothing)
 {
-    const auto data = fqtest::pattern(3 * FQ_KV_CHUNK_SIZE - 17, 77);
-    char* key = nullptr;
+    char* key = reinterpret_cast<char*>(0x1);
     char err[1024] = "";
-    ASSERT_EQ(fq_connection_stage_scan_data(suite.cfg, data.data(), data.size(), 30000, &key, err), 0) << err;
-    ASSERT_NE(key, nullptr);
-    EXPECT_EQ(std::string(key).rfind("scan-", 0), 0u);
-
-    unsigned char* out = nullptr;
-    size_t out_len = 0;
-    ASSERT_EQ(kvstore_get_chunked(suite.cfg, key, &out, &out_len), 0);
-    ASSERT_EQ(out_len, data.size());
-    EXPECT_EQ(memcmp(out, data.data(), out_len), 0);
-    free(out);
-
-    fq_connection_unstage_scan_data(suite.cfg, key);
-    for (const char* suffix : {"", "-0", "-1", "-2"})
-        EXPECT_EQ(get(FQ_KV_SCAN_DATA_BUCKET, std::string(key) + suffix), 1) << suffix;
-    free(key);
-
-    // Invalid arguments stage nothing and leave the key null.
-    key = reinterpret_cast<char*>(0x1);
-    EXPECT_EQ(fq_connection_stage_scan_data(suite.cfg, data.data(), 0, 1000, &key, nullptr), -1);
+    EXPECT_EQ(fq_connection_stage_scan_data(suite.cfg, "x", 0, 1000, &key, nullptr), -1);
     EXPECT_EQ(key, nullptr);
     EXPECT_EQ(fq_nats_stage_scan_data(suite.cfg, nullptr, 5, 1000, &key, err), -1);
     EXPECT_STREQ(err, "NATS: invalid parameters for stage_scan_data");
+    EXPECT_EQ(fq_connection_registry_put(suite.cfg, "", "{}", 1000), -1);
+    EXPECT_EQ(fq_connection_registry_put(suite.cfg, "k", nullptr, 1000), -1);
+    EXPECT_EQ(fq_connection_registry_put(nullptr, "k", "{}", 1000), -1);
 }
 
 TEST_F(NatsKvTest, EveryWriteCarriesItsTimeToLive)
@@ -243,83 +213,14 @@ TEST_F(NatsKvTest, ReplicaCatchUpFindsLateKeyAndGivesUpAfterHalfASecond)
     EXPECT_LT(ms, 1500);
 }
 
-int count_calls(void* handler_config, fq_const_request_reply_t* rr)
-{
-    static_cast<std::atomic<int>*>(handler_config)->fetch_add(1);
-    return fq_reply_set_OK(&rr->reply->json_txt);
-}
-
-TEST_F(NatsKvTest, ExpiredPayloadIsAnsweredWithServiceErrorWithoutHandler)
-{
-    const auto data = fqtest::pattern(2048, 8);
-    char* key = nullptr;
-    ASSERT_EQ(fq_connection_stage_scan_data(suite.cfg, data.data(), data.size(), 100, &key, nullptr), 0);
-    // The bucket's max age expires it (this broker has no per-message TTL).
-    ASSERT_TRUE(fqtest::wait_until([&] { return get(FQ_KV_SCAN_DATA_BUCKET, key) == 1; },
-                                 std::chrono::milliseconds(kShortAgeMs + 8000)));
-
-    std::atomic<int> calls{0};
-    const std::string body = std::string("{\"Command\": 101, \"_kv_key\": \"") + key + "\"}";
-    char* reply = nullptr;
-    fq_worker_scan_execute(suite.cfg, count_calls, &calls, body.data(), body.size(), &reply);
-    const fqtest::Json r(reply ? reply : "");
-    EXPECT_EQ(r.rc(), -1000) << r.text();
-    EXPECT_EQ(r.str("Error"), "Scan data unavailable: staged payload could not be retrieved from the KV store");
-    EXPECT_EQ(calls.load(), 0);
-    free(reply);
-    free(key);
-}
-
-TEST_F(NatsKvTest, RegistryRecordIsVisibleGoneAfterDeleteAndExpires)
-{
-    const std::string rec = "{\"ServiceName\": \"fq-av-scanproxy\", \"Pid\": 42}";
-    ASSERT_EQ(fq_connection_registry_put(suite.cfg, "fqt-host_42", rec.c_str(), 10000), 0);
-    std::string value;
-    ASSERT_EQ(get(FQ_KV_REGISTRY_BUCKET, "fqt-host_42", &value), 0);
-    EXPECT_EQ(value, rec);
-    fq_connection_registry_delete(suite.cfg, "fqt-host_42");
-    EXPECT_EQ(get(FQ_KV_REGISTRY_BUCKET, "fqt-host_42"), 1);
-
-    // Nobody refreshes it: the record goes by itself.
-    ASSERT_EQ(fq_connection_registry_put(suite.cfg, "fqt-host_43", rec.c_str(), 1000), 0);
-    EXPECT_EQ(get(FQ_KV_REGISTRY_BUCKET, "fqt-host_43"), 0);
-    EXPECT_TRUE(fqtest::wait_until([&] { return get(FQ_KV_REGISTRY_BUCKET, "fqt-host_43") == 1; },
-                                 std::chrono::milliseconds(kShortAgeMs + 8000)));
-
-    EXPECT_EQ(fq_connection_registry_put(suite.cfg, "", rec.c_str(), 1000), -1);
-    EXPECT_EQ(fq_connection_registry_put(suite.cfg, "k", nullptr, 1000), -1);
-    EXPECT_EQ(fq_connection_registry_put(nullptr, "k", rec.c_str(), 1000), -1);
-}
-
-TEST_F(NatsKvTest, KvGetNotFoundIsQuietAndEmptyValueIsFound)
-{
-    fqtest::StderrCapture cap;
-    EXPECT_EQ(get(FQ_KV_WQ_DEDUP_BUCKET, "fqt-nothing-here"), 1);
-    EXPECT_FALSE(cap.contains("ERROR"));
-
-    ASSERT_EQ(fq_nats_kv_put(suite.cfg, FQ_KV_WQ_DEDUP_BUCKET, "fqt-empty", "", 300000), 0);
-    char* v = nullptr;
-    size_t len = 99;
-    ASSERT_EQ(fq_nats_kv_get(suite.cfg, FQ_KV_WQ_DEDUP_BUCKET, "fqt-empty", &v, &len), 0);
-    ASSERT_NE(v, nullptr);
-    EXPECT_STREQ(v, "");
-    EXPECT_EQ(len, 0u);
-    free(v);
-
-    EXPECT_EQ(fq_nats_kv_get(suite.cfg, FQ_KV_WQ_DEDUP_BUCKET, "", &v, &len), -1);
-    EXPECT_EQ(fq_nats_kv_get(suite.cfg, "fqt-no-such-bucket", "k", &v, &len), -1);
-    EXPECT_TRUE(cap.contains("KV bucket 'fqt-no-such-bucket' not found"));
-}
-
-// Threads arriving at once at an empty cache end up with one handle, and the cache is
-// bounded: an eighth extra bucket is refused.
-TEST_F(NatsKvTest, HandleCacheBindsOncePerBucketAndIsBounded)
+// Threads arriving at once at an empty cache end up with one handle, and closing the connection
+// releases it.
+TEST_F(NatsKvTest, BucketHandleIsBoundOnceAndReleasedWithTheConnection)
 {
     fq_connection_config* fresh = suite.server->make_config();
     ASSERT_EQ(fq_connection_init(fresh), 0);
-
     constexpr int kThreads = 8;
-    std::vector<kvStore*> dedup(kThreads), scan(kThreads);
+    std::vector<kvStore*> scan(kThreads);
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i)
@@ -327,38 +228,17 @@ TEST_F(NatsKvTest, HandleCacheBindsOncePerBucketAndIsBounded)
             ready.fetch_add(1);
             while (ready.load() < kThreads) {
             }
-            dedup[i] = get_kvstore_for(fresh, FQ_KV_WQ_DEDUP_BUCKET);
             scan[i] = get_kvstore(fresh);
         });
     for (auto& t : threads)
         t.join();
-    for (int i = 0; i < kThreads; ++i) {
-        EXPECT_NE(dedup[i], nullptr);
-        EXPECT_EQ(dedup[i], dedup[0]);
+    ASSERT_NE(scan[0], nullptr);
+    for (int i = 0; i < kThreads; ++i)
         EXPECT_EQ(scan[i], scan[0]);
-    }
-    EXPECT_EQ(fresh->_kv_extra[0], dedup[0]);
-    EXPECT_EQ(fresh->_kv_extra[1], nullptr);
-    EXPECT_EQ(get_kvstore_for(fresh, FQ_KV_SCAN_DATA_BUCKET), scan[0]);
     EXPECT_EQ(fresh->_kv, scan[0]);
-
-    auto* js = static_cast<jsCtx*>(fresh->_js);
-    static const char* const names[] = {"fqt-b1", "fqt-b2", "fqt-b3", "fqt-b4", "fqt-b5", "fqt-b6", "fqt-b7"};
-    for (const char* name : names)
-        ASSERT_EQ(fq_provision_bucket(js, name, 60000, 1, nullptr), 0) << name;
-    for (int i = 0; i < 6; ++i)
-        EXPECT_NE(get_kvstore_for(fresh, names[i]), nullptr) << names[i];
-    fqtest::StderrCapture cap;
-    EXPECT_EQ(get_kvstore_for(fresh, names[6]), nullptr);
-    EXPECT_TRUE(cap.contains("FQ_NATS_KV_EXTRA_BUCKETS=7"));
-    EXPECT_EQ(fq_nats_kv_put(fresh, names[6], "k", "{}", 1000), -1);
-
     fq_connection_deinit(fresh);
     EXPECT_EQ(fresh->_conn, nullptr);
-    EXPECT_EQ(fresh->_js, nullptr);
     EXPECT_EQ(fresh->_kv, nullptr);
-    EXPECT_EQ(fresh->_kv_extra[0], nullptr);
-    EXPECT_EQ(fresh->_kv_extra_name[0], nullptr);
     fqtest::free_config(&fresh);
 }
 

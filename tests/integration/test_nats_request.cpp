@@ -72,40 +72,31 @@ TEST_F(NatsRequestTest, EachTimeOutCostsOneAttemptWithoutPause)
 
 TEST_F(NatsRequestTest, NoRespondersBackOffStaysWithinItsBudget)
 {
-    const std::string no_resp = std::string("NATS: request to fqt.nobody failed: ") +
-                                natsStatus_GetText(NATS_NO_RESPONDERS);
-    {
+    const struct {
+        uint32_t timeout_ms, retries;
+        int failures, min_sleeps, max_sleeps;
+        int64_t min_ms, max_ms;
+    } cases[] = {
+        // The first three waits always fit (at most 262 ms); a fourth only under the 400 ms cap.
+        {5000, 0, 1, 3, 4, 25 + 50 + 100, 400 + 250},
+        // Later attempts share the same allowance: they fail at once.
+        {5000, 3, 4, 3, 4, 25 + 50 + 100, 400 + 250},
+        // A budget smaller than the first wait gets no wait at all.
+        {20, 0, 1, 0, 0, 0, 20 + 100},
+    };
+    for (const auto& c : cases) {
         fqtest::StderrCapture cap;
         char err[1024] = "";
         const auto t0 = Clock::now();
-        json_object* reply = fq_connection_send_recv_json(suite.cfg, "fqt.nobody", "{}", 5000, 0, err);
+        EXPECT_EQ(fq_connection_send_recv_json(suite.cfg, "fqt.nobody", "{}", c.timeout_ms, c.retries, err), nullptr);
         const int64_t elapsed = ms_since(t0);
-        EXPECT_EQ(reply, nullptr);
-        EXPECT_EQ(std::string(err), no_resp);
-        // The first three waits always fit (at most 262 ms); a fourth only under the 400 ms cap.
-        const int sleeps = cap.count("nats: no responders for fqt.nobody - backoff");
-        EXPECT_GE(sleeps, 3);
-        EXPECT_LE(sleeps, 4);
-        EXPECT_GE(elapsed, 25 + 50 + 100);
-        EXPECT_LE(elapsed, 400 + 250);
-    }
-    {
-        // Later attempts share the same allowance: they fail at once.
-        fqtest::StderrCapture cap;
-        const auto t0 = Clock::now();
-        EXPECT_EQ(fq_connection_send_recv_json(suite.cfg, "fqt.nobody", "{}", 5000, 3, nullptr), nullptr);
-        const int64_t elapsed = ms_since(t0);
-        EXPECT_EQ(cap.count("NATS: request to fqt.nobody failed"), 4);
-        EXPECT_LE(cap.count("- backoff"), 4);
-        EXPECT_LE(elapsed, 400 + 250);
-    }
-    {
-        // A budget smaller than the first wait gets no wait at all.
-        fqtest::StderrCapture cap;
-        const auto t0 = Clock::now();
-        EXPECT_EQ(fq_connection_send_recv_json(suite.cfg, "fqt.nobody", "{}", 20, 0, nullptr), nullptr);
-        EXPECT_LT(ms_since(t0), 20 + 100);
-        EXPECT_EQ(cap.count("- backoff"), 0);
+        EXPECT_EQ(std::string(err), std::string("NATS: request to fqt.nobody failed: ") +
+                                        natsStatus_GetText(NATS_NO_RESPONDERS));
+        EXPECT_EQ(cap.count("NATS: request to fqt.nobody failed"), c.failures) << c.retries;
+        EXPECT_GE(cap.count("nats: no responders for fqt.nobody - backoff"), c.min_sleeps) << c.timeout_ms;
+        EXPECT_LE(cap.count("nats: no responders for fqt.nobody - backoff"), c.max_sleeps) << c.timeout_ms;
+        EXPECT_GE(elapsed, c.min_ms);
+        EXPECT_LE(elapsed, c.max_ms);
     }
 }
 
@@ -238,35 +229,19 @@ TEST_F(NatsRequestTest, NoKeyWithoutPayloadOrWhenTheTextIsNotJson)
     EXPECT_EQ(svc.bodies(), (std::vector<std::string>{"{\"Command\": 2}", "not json at all"}));
 }
 
-TEST(NatsBackoff, LimitsAndBudget)
+TEST(NatsNames, BackoffLimitsTtlAndWorkQueueNames)
 {
-    EXPECT_EQ(fq_nats_nr_attempt_timeout_ms(nullptr, 700), 700);
-    EXPECT_EQ(fq_nats_nr_should_retry(nullptr, 5000, "x"), 0);
-
     fq_nats_nr_state_t st;
     fq_nats_nr_init(&st);
-    EXPECT_EQ(st.retries, 0u);
-    EXPECT_EQ(st.waited_ms, 0u);
-    // Smaller than any first wait: refused at once.
-    EXPECT_EQ(fq_nats_nr_should_retry(&st, 20, "x"), 0);
-    EXPECT_EQ(st.waited_ms, 0u);
-
-    ASSERT_EQ(fq_nats_nr_should_retry(&st, 5000, "x"), 1);
-    EXPECT_EQ(st.retries, 1u);
-    EXPECT_GE(st.waited_ms, 25u);
-    EXPECT_LE(st.waited_ms, 37u);
-    EXPECT_EQ(fq_nats_nr_attempt_timeout_ms(&st, 1000), 1000 - (int64_t)st.waited_ms);
-    EXPECT_EQ(fq_nats_nr_attempt_timeout_ms(&st, 10), 0);
-
+    EXPECT_EQ(fq_nats_nr_should_retry(&st, 20, "x"), 0) << "a budget smaller than any first wait";
+    EXPECT_EQ(fq_nats_nr_attempt_timeout_ms(nullptr, 700), 700);
+    EXPECT_EQ(fq_nats_nr_should_retry(nullptr, 5000, "x"), 0);
     st.retries = FQ_NATS_NR_MAX_RETRIES;
     EXPECT_EQ(fq_nats_nr_should_retry(&st, 5000, "x"), 0);
     st.retries = 3;
     st.waited_ms = 201;  // 200 more would pass the 400 ms cap
     EXPECT_EQ(fq_nats_nr_should_retry(&st, 5000, "x"), 0);
-}
 
-TEST(NatsNames, TtlWorkQueueNamesAndServiceLists)
-{
     EXPECT_EQ(fq_kv_ttl_ms_for(0), 1000);
     EXPECT_EQ(fq_kv_ttl_ms_for(900), 1000);
     EXPECT_EQ(fq_kv_ttl_ms_for(910), 1001);
@@ -279,13 +254,6 @@ TEST(NatsNames, TtlWorkQueueNamesAndServiceLists)
     EXPECT_STREQ(buf, "JOBS_fq_av_x");
     fq_nats_wq_durable("fq-av-scanproxy", buf, sizeof(buf));
     EXPECT_STREQ(buf, "WORK_fq-av-scanproxy");
-
-    EXPECT_TRUE(fq_nats_wq_service_in_csv(",fq-av-mimescan ,,fq-av-cloudscan", "fq-av-cloudscan"));
-    EXPECT_TRUE(fq_nats_wq_service_in_csv("fq-av-mimescan, fq-av-cloudscan", "fq-av-mimescan"));
-    EXPECT_FALSE(fq_nats_wq_service_in_csv("fq-av-mime", "fq-av-mimescan"));
-    EXPECT_FALSE(fq_nats_wq_service_in_csv("fq-av-mimescan", "fq-av-mime"));
-    EXPECT_FALSE(fq_nats_wq_service_in_csv("FQ-AV-MIMESCAN", "fq-av-mimescan"));
-    EXPECT_FALSE(fq_nats_wq_service_in_csv(nullptr, "x"));
 
     char k1[128], k2[128];
     generate_unique_key(k1, sizeof(k1));

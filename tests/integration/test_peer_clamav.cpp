@@ -184,25 +184,23 @@ TEST_F(PeerClamav, ConcurrentJobsEachGetTheirOwnVerdict)
     EXPECT_EQ(wrong.load(), 0);
 }
 
-TEST(PeerClamavProcess, StopsInOrderOnSigtermAndRefusesAMissingDatabase)
+TEST(PeerClamavProcess, RefusesAMissingDatabaseAndStopsInOrderOnSigterm)
 {
-    NatsServer server;
-    std::string err;
-    ASSERT_TRUE(server.start(&err)) << err;
     TempDir dir;
-    const std::string clamav = build_program("fq-av-clamav");
-    // A missing database, and a directory without signatures, which would call everything clean.
+    // A folder without signatures would call everything clean.
     write_file(dir / "notes.txt", "no signatures here\n");
     std::string out;
     for (const std::string& db : {dir / "nothing-here", dir.path()}) {
-        EXPECT_EQ(run_program({clamav, "--broker", server.url(), "--database", db}, &out), 1) << db;
+        EXPECT_EQ(run_program({build_program("fq-av-clamav"), "--database", db, "--wait", "0"}, &out), 1) << db;
         EXPECT_NE(out.find(db), std::string::npos) << out;
     }
-
-    auto good = spawn({clamav, "--broker", server.url(), "--threads", "2"}, dir.path());
-    ASSERT_TRUE(wait_until(
-        [&] { return read_file(good.stderr_path).find("serving fq-av-clamav with 2 threads") != std::string::npos; },
-        20s))
+    // The engine is released only after the serving threads are done with it.
+    NatsServer server;
+    std::string err;
+    ASSERT_TRUE(server.start(&err)) << err;
+    auto good = spawn({build_program("fq-av-clamav"), "--broker", server.url(), "--threads", "2"}, dir.path());
+    ASSERT_TRUE(wait_until([&] { return read_file(good.stderr_path).find("serving fq-av-clamav") != std::string::npos; },
+                           20s))
         << read_file(good.stderr_path);
     ASSERT_EQ(kill(good.pid, SIGTERM), 0);
     int status = -1;

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -12,7 +11,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 namespace fqtest {
 

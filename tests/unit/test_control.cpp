@@ -129,23 +129,4 @@ TEST(HandshakeMessages, ValuesAreEscapedAndMustFit)
     EXPECT_EQ(-1, fq_worker_build_shutdown_message(tiny, sizeof(tiny), "secret"));
 }
 
-TEST(Registration, RecordMembersInOrder)
-{
-    fq_service_description_t desc{};
-    desc.service_name = const_cast<char*>("Scan proxy");
-    desc.service_major_version = 2;
-    desc.service_minor_version = 1;
-    desc.update_time = 1700000001;
-    fq_cstr_ptr full(fq_worker_build_registration_json("fq-av-scanproxy.h_7", "fq-av-scanproxy", 1, "s3", &desc));
-    ASSERT_NE(nullptr, full);
-    EXPECT_STREQ("{ \"Command\": 200, \"worker-name\": \"fq-av-scanproxy.h_7\", \"service-name\": \"fq-av-scanproxy\", "
-                 "\"Primary\": 1, \"Secret\": \"s3\", \"DriverName\": \"Scan proxy\", \"MajorVersion\": 2, "
-                 "\"MinorVersion\": 1, \"NumberOfViruses\": 0, \"NumberOfVariants\": 0, \"Timestamp\": 1700000001 }",
-                 full.get());
-    fq_cstr_ptr minimal(fq_worker_build_registration_json(nullptr, "fq-av-scanproxy", 0, nullptr, nullptr));
-    EXPECT_STREQ("{ \"Command\": 200, \"worker-name\": \"\", \"service-name\": \"fq-av-scanproxy\", \"Primary\": 0, "
-                 "\"Secret\": \"\" }",
-                 minimal.get());
-}
-
 }  // namespace

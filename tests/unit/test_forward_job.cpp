@@ -36,55 +36,25 @@ const char* const kFullJob = R"({
   "Extension": "txt"
 })";
 
-const char* const kFullForwarded = R"({
-  "Command":102,
-  "realmID":"realm-1",
-  "SID":"S01",
-  "Hostname":"client.example.org",
-  "EventID":"ev-42",
-  "Services":"fq-av-mimescan;fq-av-scanproxy;fq-av-engine+",
-  "Scan-Servers":"nats:\/\/10.0.0.1:4222",
-  "Recursion":2,
-  "shmID":"0xffffffff",
-  "ObjectName":"dir\/invoice.pdf",
-  "ObjectLen":5000000000,
-  "SCANALLEMBEDDED":1,
-  "SCANTIMEOUT":30000,
-  "SCANBANDWIDTH":31,
-  "ENFORCE_MIME_POLICY_IN_ARCHIVES":2,
-  "ENFORCE_ACTIVECONTENT_POLICY_IN_ARCHIVES":3,
-  "CUST_CHECK_MIME_TYPE":11,
-  "ENFORCE_MIME_EXTENSION_MATCH":21,
-  "CUST_ACTIVE_CONTENT":12,
-  "CUST_CLEAN":1,
-  "SCANMIMETYPES":"application\/pdf",
-  "BLOCKMIMETYPES":"application\/x-dosexec",
-  "SCANEXTENSIONS":"pdf",
-  "BLOCKEXTENSIONS":"exe,com",
-  "BLOCKENCRYPTED":23,
-  "BLOCKHTML_IN_PDF":24,
-  "SCANBASE64":25,
-  "SCANUUENCODED":26,
-  "SCANXMLCONTENT":27,
-  "HTMLDETECTION":"Restrictive",
-  "XML_MODE":"XML",
-  "SVG_MODE":"TEXT",
-  "LONGMIMETYPES":28,
-  "CLEANQUARANTINE":"fq-av-quarantine.k1:secret",
-  "INCLUDE_EVENT_ID_IN_MESSAGE":1,
-  "EVENT_ID_DELIMITER":"|",
-  "SCANBESTEFFORT":0,
-  "SCANALLFILES":1,
-  "SCANEXTRACT":13,
-  "SCANEXTRACT_DEPTH":14,
-  "SCANEXTRACT_MAX_FILES":2147483647,
-  "SCANEXTRACT_SIZE":2147483647,
-  "SCANEXTRACT_RATIO":77,
-  "SCANEXTRACT_NO_VIRUSSCAN":2,
-  "SCAN_MIN_SIZE":10,
-  "SCAN_MAX_SIZE":100000,
-  "SCAN_EXTENSION_MAX_LEN":-3
-})";
+// The forwarded text of kFullJob: pretty, one member per line in the fixed order, "/" escaped.
+const std::string kFullForwarded =
+    "{\n  \"Command\":102,\n  \"realmID\":\"realm-1\",\n  \"SID\":\"S01\",\n  \"Hostname\":\"client.example.org\",\n"
+    "  \"EventID\":\"ev-42\",\n  \"Services\":\"fq-av-mimescan;fq-av-scanproxy;fq-av-engine+\",\n"
+    "  \"Scan-Servers\":\"nats:\\/\\/10.0.0.1:4222\",\n  \"Recursion\":2,\n  \"shmID\":\"0xffffffff\",\n"
+    "  \"ObjectName\":\"dir\\/invoice.pdf\",\n  \"ObjectLen\":5000000000,\n  \"SCANALLEMBEDDED\":1,\n"
+    "  \"SCANTIMEOUT\":30000,\n  \"SCANBANDWIDTH\":31,\n  \"ENFORCE_MIME_POLICY_IN_ARCHIVES\":2,\n"
+    "  \"ENFORCE_ACTIVECONTENT_POLICY_IN_ARCHIVES\":3,\n  \"CUST_CHECK_MIME_TYPE\":11,\n"
+    "  \"ENFORCE_MIME_EXTENSION_MATCH\":21,\n  \"CUST_ACTIVE_CONTENT\":12,\n  \"CUST_CLEAN\":1,\n"
+    "  \"SCANMIMETYPES\":\"application\\/pdf\",\n  \"BLOCKMIMETYPES\":\"application\\/x-dosexec\",\n"
+    "  \"SCANEXTENSIONS\":\"pdf\",\n  \"BLOCKEXTENSIONS\":\"exe,com\",\n  \"BLOCKENCRYPTED\":23,\n"
+    "  \"BLOCKHTML_IN_PDF\":24,\n  \"SCANBASE64\":25,\n  \"SCANUUENCODED\":26,\n  \"SCANXMLCONTENT\":27,\n"
+    "  \"HTMLDETECTION\":\"Restrictive\",\n  \"XML_MODE\":\"XML\",\n  \"SVG_MODE\":\"TEXT\",\n"
+    "  \"LONGMIMETYPES\":28,\n  \"CLEANQUARANTINE\":\"fq-av-quarantine.k1:secret\",\n"
+    "  \"INCLUDE_EVENT_ID_IN_MESSAGE\":1,\n  \"EVENT_ID_DELIMITER\":\"|\",\n  \"SCANBESTEFFORT\":0,\n"
+    "  \"SCANALLFILES\":1,\n  \"SCANEXTRACT\":13,\n  \"SCANEXTRACT_DEPTH\":14,\n"
+    "  \"SCANEXTRACT_MAX_FILES\":2147483647,\n  \"SCANEXTRACT_SIZE\":2147483647,\n  \"SCANEXTRACT_RATIO\":77,\n"
+    "  \"SCANEXTRACT_NO_VIRUSSCAN\":2,\n  \"SCAN_MIN_SIZE\":10,\n  \"SCAN_MAX_SIZE\":100000,\n"
+    "  \"SCAN_EXTENSION_MAX_LEN\":-3\n}";
 
 // What parsing and forwarding need, and nothing else.
 const char* const kSparseJob = R"({
@@ -218,19 +188,6 @@ TEST(ForwardJob, MandatoryForwardingMembersFailInTheirOrder)
             EXPECT_NE(nullptr, member(e, "Command")) << key;
             EXPECT_EQ(nullptr, member(e, key.c_str())) << key;
             EXPECT_EQ(nullptr, member(e, "SCAN_MAX_SIZE")) << key;
-        }
-    }
-
-    // Two missing: the one added first is named.
-    const std::vector<std::string> late = {"Scan-Servers", "XML_MODE", "SVG_MODE", "EVENT_ID_DELIMITER"};
-    for (size_t i = 0; i < late.size(); ++i) {
-        for (size_t j = i + 1; j < late.size(); ++j) {
-            Job job(kFullJob);
-            job.with(late[j], "\"\"");
-            job.with(late[i], nullptr);
-            fq_worker_scanobject_t* so = job.parsed();
-            ASSERT_NE(nullptr, so) << "parsing does not look at " << late[i];
-            EXPECT_EQ("Failed to read " + late[i] + " from JSON", encode(so).err) << late[i] << " before " << late[j];
         }
     }
 }

@@ -9,20 +9,6 @@
 
 namespace {
 
-TEST(TrimWhitespace, BothEndsInPlaceButNeverTheLastCharacter)
-{
-    char buf[] = "  abc  ";
-    EXPECT_EQ(fqhlp_TrimWhitespace(buf), buf);
-    EXPECT_STREQ(buf, "abc");
-    const std::pair<const char*, const char*> cases[] = {
-        {"\t\n x y \r\n", "x y"}, {"abc", "abc"}, {"a ", "a"}, {" a", "a"}, {"   ", " "}, {"\t", "\t"}, {"", ""}};
-    for (const auto& [in, want] : cases) {
-        std::string copy = in;
-        EXPECT_STREQ(fqhlp_TrimWhitespace(copy.data()), want) << "'" << in << "'";
-    }
-    EXPECT_EQ(fqhlp_TrimWhitespace(nullptr), nullptr);
-}
-
 TEST(RandStr, LengthCharactersOfTheWholeAlphabetThatDifferEachTime)
 {
     const std::string alphabet = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -12,7 +11,6 @@
 #include <thread>
 
 #include "fqsemaphore.h"
-#include "fqthread.h"
 #include "process_util.h"
 
 namespace {
@@ -79,56 +77,6 @@ TEST(NamedSemaphore, DeadlineNanosecondsCarryIntoSeconds)
         EXPECT_EQ(ts.tv_sec, c.want.tv_sec) << c.add_ms;
         EXPECT_EQ(ts.tv_nsec, c.want.tv_nsec) << c.add_ms;
     }
-}
-
-struct Runner {
-    std::atomic<bool> stop{false};
-    std::atomic<long> beats{0};
-};
-
-void* run_until_stopped(void* p)
-{
-    auto* r = static_cast<Runner*>(p);
-    // Bounded, so that a failing test cannot leave it running for ever.
-    for (int i = 0; i < 30000 && !r->stop.load(); ++i) {
-        r->beats++;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return nullptr;
-}
-
-TEST(ThreadJoin, EndedEndingAndRunningThreads)
-{
-    EXPECT_EQ(FQ_JoinThreadTimeout((pthread_t)0, 1000), -1);
-
-    // A thread that has ended, and one that ends during the wait, are joined.
-    for (bool ends_during_the_wait : {false, true}) {
-        Runner r;
-        r.stop = !ends_during_the_wait;
-        pthread_t t = 0;
-        ASSERT_EQ(FQ_CreateThread(&t, run_until_stopped, &r), 0);
-        std::thread stopper([&] {
-            fqtest::wait_until([&] { return r.stop.load() || r.beats.load() > 50; }, 5s);
-            r.stop = true;
-        });
-        const auto t0 = Clock::now();
-        EXPECT_EQ(FQ_JoinThreadTimeout(t, 3000), 0);
-        EXPECT_LT(ms_since(t0), 2500);
-        stopper.join();
-    }
-
-    // One that runs on outlives the limit, and is still joinable by its owner.
-    Runner r;
-    pthread_t t = 0;
-    ASSERT_EQ(FQ_CreateThread(&t, reinterpret_cast<void*>(run_until_stopped), &r), 0);
-    const auto t0 = Clock::now();
-    EXPECT_EQ(FQ_JoinThreadTimeout(t, 300), 1);
-    EXPECT_GE(ms_since(t0), 290);
-    EXPECT_LT(ms_since(t0), 2000);
-    const long seen = r.beats.load();
-    EXPECT_TRUE(fqtest::wait_until([&] { return r.beats.load() > seen + 5; }, 5s));
-    r.stop = true;
-    EXPECT_EQ(pthread_join(t, nullptr), 0);
 }
 
 }  // namespace
