@@ -39,6 +39,8 @@ TEST(WorkerOnBroker, AnswersOnItsThreeSubjectsAndKeepsItsRecord)
     auto child = env.spawn_worker({"--console-mode", "--worker-threads", "2", "--register-interval", "1", "--primary"});
     ASSERT_TRUE(env.wait_ready()) << read_file(child.stderr_path);
     const std::string control = fqtest::WorkerEnv::control_subject(child.pid);
+    // The control subject is served from just after the "ready" line on.
+    ASSERT_TRUE(fqtest::answers_ping(env.peer, control));
 
     EXPECT_EQ(kOk, env.request("fq-av-scanproxy", kPing).value_or("no reply"));
     EXPECT_EQ(kOk, env.request("fq-av-scanproxy.ping", kPing).value_or("no reply"));
@@ -82,6 +84,8 @@ TEST(WorkerOnBroker, ShutdownNeedsTheRightSecret)
     auto child = env.spawn_worker({"--console-mode", "--worker-threads", "1", "--secret", secret});
     ASSERT_TRUE(env.wait_ready());
     const std::string control = fqtest::WorkerEnv::control_subject(child.pid);
+    // The control subject is served from just after the "ready" line on.
+    ASSERT_TRUE(fqtest::answers_ping(env.peer, control));
 
     EXPECT_EQ("{\"ReturnCode\": -1000}",
               env.request(control, "{ \"Command\" : 9 , \"Secret\":\"wrong-secret\"}").value_or("no reply"));
