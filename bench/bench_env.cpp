@@ -2,15 +2,12 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -58,58 +55,11 @@ void s_on_interrupt(int)
     }
 }
 
-// True once something on port greets a TCP client with "INFO", as nats-server does.
-bool s_greets(int port)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    struct timeval tv = {0, 200000};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    struct sockaddr_in addr {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool ok = false;
-    if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0) {
-        char buf[4] = {0};
-        ok = recv(fd, buf, sizeof(buf), MSG_WAITALL) == 4 && memcmp(buf, "INFO", 4) == 0;
-    }
-    close(fd);
-    return ok;
-}
-
 }  // namespace
 
 pid_t spawn_child(const std::vector<std::string>& argv, const std::string& log)
 {
-    // Everything the child needs is made before the fork: the benchmark has threads by then.
-    std::vector<char*> args;
-    for (const auto& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const pid_t parent = getpid();
-    const pid_t pid = fork();
-    if (pid == 0) {
-        // Forked from the main thread, which lives as long as the benchmark does.
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent)
-            _exit(127);
-        if (out >= 0) {
-            dup2(out, 1);
-            dup2(out, 2);
-        }
-        if (in >= 0)
-            dup2(in, 0);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    if (out >= 0)
-        close(out);
-    if (in >= 0)
-        close(in);
+    const pid_t pid = fqtest::spawn_to(argv, log, log);
     if (pid > 0)
         s_register(pid);
     return pid;
@@ -167,41 +117,37 @@ bool ChildGuard::alive() const
     return fqtest::process_alive(pid_);
 }
 
+Broker::Broker() : server_([] {
+    fqtest::NatsServerOptions o;
+    o.monitor = true;
+    return o;
+}())
+{
+}
+
 bool Broker::start(std::string* error)
 {
-    port_ = fqtest::free_tcp_port();
-    mon_port_ = fqtest::free_tcp_port();
-    if (port_ <= 0 || mon_port_ <= 0 || port_ == mon_port_) {
-        *error = "no free loopback port";
+    if (!server_.start(error))
         return false;
+    s_register(server_.pid());
+    const bool up = fqtest::wait_until([&] { return !http_get_local(server_.monitor_port(), "/varz").empty(); },
+                                       std::chrono::milliseconds(15000));
+    if (!up) {
+        *error = "nats-server's monitoring port did not answer: " + fqtest::read_file(server_.log_path());
+        stop();
     }
-    // The monitoring listener takes the host of -a, so it stays on loopback too.
-    const std::vector<std::string> argv = {"nats-server", "-a", "127.0.0.1", "-p", std::to_string(port_), "-m",
-                                           std::to_string(mon_port_), "-js", "-sd", dir_ + "/store"};
-    guard_.reset(spawn_child(argv, log_path()));
-    if (guard_.pid() <= 0) {
-        *error = std::string("fork: ") + strerror(errno);
-        return false;
-    }
-    const bool up = fqtest::wait_for(
-        [&] { return !guard_.alive() || (s_greets(port_) && !http_get_local(mon_port_, "/varz").empty()); },
-        std::chrono::milliseconds(15000));
-    if (!up || !guard_.alive()) {
-        *error = "nats-server did not come up: " + fqtest::read_file(log_path());
-        guard_.stop();
-        return false;
-    }
-    return true;
+    return up;
 }
 
 void Broker::stop()
 {
-    guard_.stop();
+    s_unregister(server_.pid());
+    server_.stop();
 }
 
 bool Broker::counters(ServerCounters* out) const
 {
-    const std::string body = http_get_local(mon_port_, "/varz");
+    const std::string body = http_get_local(server_.monitor_port(), "/varz");
     if (body.empty())
         return false;
     out->in_msgs = json_number_member(body, "in_msgs");

@@ -8,10 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "nats_server.h"
+
 namespace fqbench {
 
 // Starts argv (looked up in PATH) with stdout and stderr appended to log. The child gets SIGTERM
-// should the benchmark die first, and is stopped by interrupt_children() on SIGINT or SIGTERM.
+// should the benchmark die first, and on SIGINT or SIGTERM (see install_interrupt_handlers).
 pid_t spawn_child(const std::vector<std::string>& argv, const std::string& log);
 
 // Ends a child this process started, by its PID: SIGTERM, a bounded wait, then SIGKILL.
@@ -54,29 +56,27 @@ struct ServerCounters {
     int64_t out_bytes = 0;
 };
 
-// nats-server -js on free loopback ports, its store and log in dir, monitoring on 127.0.0.1.
+// The test harness's nats-server -js on free loopback ports, with its monitoring port, stopped
+// like the other children on an interrupt.
 class Broker {
 public:
-    explicit Broker(std::string dir) : dir_(std::move(dir)) {}
+    Broker();
     ~Broker() { stop(); }
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
 
     bool start(std::string* error);
     void stop();
-    std::string url() const { return "nats://127.0.0.1:" + std::to_string(port_); }
-    pid_t pid() const { return guard_.pid(); }
-    std::string log_path() const { return dir_ + "/nats-server.log"; }
+    std::string url() const { return server_.url(); }
+    pid_t pid() const { return server_.pid(); }
+    const fqtest::NatsServer& server() const { return server_; }
     // Reads /varz; false when the server did not answer.
     bool counters(ServerCounters* out) const;
     // "nats-server: v2.9.10" as the binary reports itself.
     static std::string version();
 
 private:
-    std::string dir_;
-    int port_ = 0;
-    int mon_port_ = 0;
-    ChildGuard guard_;
+    fqtest::NatsServer server_;
 };
 
 // A plain HTTP/1.0 GET to 127.0.0.1:port; the body, or empty on failure.

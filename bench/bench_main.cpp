@@ -240,26 +240,10 @@ std::string s_self_exe()
     return buf;
 }
 
-natsConnection* s_peer_connect(const std::string& url)
-{
-    natsOptions* opts = nullptr;
-    if (natsOptions_Create(&opts) != NATS_OK)
-        return nullptr;
-    natsOptions_SetURL(opts, url.c_str());
-    natsOptions_SetSendAsap(opts, true);
-    natsConnection* nc = nullptr;
-    if (natsConnection_Connect(&nc, opts) != NATS_OK) {
-        natsConnection_Destroy(nc);
-        nc = nullptr;
-    }
-    natsOptions_Destroy(opts);
-    return nc;
-}
-
 // A ping answered with ReturnCode 0 on subject, within limit; false early if the child died.
 bool s_wait_serving(natsConnection* nc, const std::string& subject, const ChildGuard& child, int limit_ms)
 {
-    return fqtest::wait_for(
+    return fqtest::wait_until(
                [&] {
                    if (!child.alive() || interrupted())
                        return true;
@@ -465,34 +449,19 @@ int s_run(const Options& o)
     const auto started = std::chrono::steady_clock::now();
     const std::string load_before = s_loadavg();
     fqtest::TempDir dir;
-    Broker broker(dir / "broker");
-    mkdir((dir / "broker").c_str(), 0755);
+    Broker broker;
     std::string error;
     if (!broker.start(&error)) {
         fprintf(stderr, "fq-av-bench: %s\n", error.c_str());
         return 1;
     }
     const std::string url = broker.url();
-    {
-        natsConnection* nc = nullptr;
-        jsCtx* js = nullptr;
-        char err[1024] = "";
-        fq_provision_opts_t popts;
-        fq_provision_opts_defaults(&popts);
-        int rc = fq_provision_connect(url.c_str(), nullptr, nullptr, nullptr, &nc, &js, err);
-        if (rc == 0) {
-            rc = fq_provision_all(js, &popts, nullptr, err);
-            jsCtx_Destroy(js);
-            natsConnection_Close(nc);
-            natsConnection_Destroy(nc);
-        }
-        if (rc != 0) {
-            fprintf(stderr, "fq-av-bench: provisioning failed: %s\n", err);
-            return 1;
-        }
+    if (!broker.server().provision(nullptr, nullptr, &error)) {
+        fprintf(stderr, "fq-av-bench: provisioning failed: %s\n", error.c_str());
+        return 1;
     }
 
-    fq_nats_conn_ptr peer(s_peer_connect(url));
+    fq_nats_conn_ptr peer(broker.server().connect_peer());
     if (!peer) {
         fprintf(stderr, "fq-av-bench: no peer connection\n");
         return 1;

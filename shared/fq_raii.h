@@ -62,6 +62,7 @@ using fq_nats_inbox_ptr = std::unique_ptr<natsInbox, fq::fn_deleter<natsInbox_De
 using fq_nats_opts_ptr = std::unique_ptr<natsOptions, fq::fn_deleter<natsOptions_Destroy>>;
 using fq_nats_sub_ptr = std::unique_ptr<natsSubscription, fq::fn_deleter<natsSubscription_Destroy>>;
 using fq_kv_entry_ptr = std::unique_ptr<kvEntry, fq::fn_deleter<kvEntry_Destroy>>;
+using fq_js_ctx_ptr = std::unique_ptr<jsCtx, fq::fn_deleter<jsCtx_Destroy>>;
 using fq_js_puback_ptr = std::unique_ptr<jsPubAck, fq::fn_deleter<jsPubAck_Destroy>>;
 using fq_js_consumer_info_ptr = std::unique_ptr<jsConsumerInfo, fq::fn_deleter<jsConsumerInfo_Destroy>>;
 using fq_json_tokener_ptr = std::unique_ptr<json_tokener, fq::fn_deleter<json_tokener_free>>;

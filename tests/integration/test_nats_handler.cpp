@@ -1,11 +1,8 @@
 // The serving side: one request through a handler, and real queue subscriptions with their
 // threads, the fail-closed answer for a missing payload and the slow-consumer limit.
-#include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -13,21 +10,14 @@
 #include <thread>
 #include <vector>
 
-#include "fq_connection_client.h"
+#include "broker_test.h"
 #include "fq_nats_client.h"
-#include "fqhlp_replies.h"
-#include "nats_server.h"
+#include "fq_raii.h"
+#include "samples.h"
 
 namespace {
 
-std::string unavailable_reply()
-{
-    char host[256] = "";
-    gethostname(host, sizeof(host));
-    return std::string("{\"ReturnCode\": -1000, \"Error\": \"Scan data unavailable: staged payload could not be "
-                       "retrieved from the KV store\", \"WorkerHostname\": \"") +
-           host + "\"}";
-}
+const char kUnavailable[] = "Scan data unavailable: staged payload could not be retrieved from the KV store";
 
 // What the handler saw of its last request, and how often it ran.
 struct Seen {
@@ -63,137 +53,72 @@ int recording_handler(void* handler_config, fq_const_request_reply_t* rr)
     return 0;
 }
 
-std::vector<unsigned char> pattern(size_t n)
+using NatsHandlerTest = fqtest::BrokerTest;
+
+// The reply that fails a request closed because its staged payload cannot be read.
+void expect_unavailable(const std::string& reply)
 {
-    std::vector<unsigned char> v(n);
-    for (size_t i = 0; i < n; ++i)
-        v[i] = (unsigned char)((i * 7 + (i >> 8)) & 0xff);
-    return v;
+    const fqtest::Json r(reply);
+    EXPECT_EQ(r.rc(), -1000) << reply;
+    EXPECT_EQ(r.str("Error"), kUnavailable);
+    EXPECT_FALSE(r.str("WorkerHostname").empty());
 }
 
-class NatsHandlerTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        suite_.start();
-        server_ = suite_.server;
-        cfg_ = suite_.cfg;
-        peer_ = suite_.peer;
-        setup_error_ = suite_.error;
-    }
-
-    // Every test stops its serving threads, and closing the connection would end any left.
-    static void TearDownTestSuite()
-    {
-        suite_.stop();
-        server_ = nullptr;
-        cfg_ = nullptr;
-        peer_ = nullptr;
-    }
-
-    void SetUp() override { ASSERT_TRUE(setup_error_.empty()) << setup_error_; }
-
-    static std::string request(const std::string& subject, const std::string& body, int timeout_ms,
-                               natsStatus* status = nullptr)
-    {
-        natsMsg* reply = nullptr;
-        const natsStatus s =
-            natsConnection_Request(&reply, peer_, subject.c_str(), body.data(), (int)body.size(), timeout_ms);
-        if (status)
-            *status = s;
-        std::string out;
-        if (s == NATS_OK && reply)
-            out.assign(natsMsg_GetData(reply), (size_t)natsMsg_GetDataLength(reply));
-        natsMsg_Destroy(reply);
-        return out;
-    }
-
-    static fqtest::BrokerSuite suite_;
-    static fqtest::NatsServer* server_;
-    static fq_connection_config* cfg_;
-    static natsConnection* peer_;
-    static std::string setup_error_;
-};
-
-fqtest::BrokerSuite NatsHandlerTest::suite_;
-fqtest::NatsServer* NatsHandlerTest::server_ = nullptr;
-fq_connection_config* NatsHandlerTest::cfg_ = nullptr;
-natsConnection* NatsHandlerTest::peer_ = nullptr;
-std::string NatsHandlerTest::setup_error_;
+std::string execute(Seen& seen, const std::string& body)
+{
+    char* reply = nullptr;
+    fq_worker_scan_execute(fqtest::BrokerTest::suite.cfg, recording_handler, &seen, body.data(), body.size(), &reply);
+    std::string text = reply ? reply : "(no reply)";
+    free(reply);
+    return text;
+}
 
 TEST_F(NatsHandlerTest, ScanExecuteGivesHandlerPayloadAndKeyButNotTheTransportMember)
 {
-    const auto data = pattern(FQ_KV_CHUNK_SIZE + 4000);
+    const auto data = fqtest::pattern(FQ_KV_CHUNK_SIZE + 4000);
     char* key = nullptr;
-    ASSERT_EQ(fq_connection_stage_scan_data(cfg_, data.data(), data.size(), 10000, &key, nullptr), 0);
-    const std::string body = std::string("{\"Command\": 101, \"_kv_key\": \"") + key + "\", \"Name\": \"a\\\"b\"}";
-
+    ASSERT_EQ(fq_connection_stage_scan_data(suite.cfg, data.data(), data.size(), 10000, &key, nullptr), 0);
+    fq_cstr_ptr key_guard(key);
     Seen seen;
-    char* reply = nullptr;
-    fq_worker_scan_execute(cfg_, recording_handler, &seen, body.data(), body.size(), &reply);
-    ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(std::string(reply), "{\"ReturnCode\": 0, \"Bytes\": " + std::to_string(data.size()) + "}");
-    free(reply);
+    EXPECT_EQ(execute(seen, std::string("{\"Command\": 101, \"_kv_key\": \"") + key + "\", \"Name\": \"a\\\"b\"}"),
+              "{\"ReturnCode\": 0, \"Bytes\": " + std::to_string(data.size()) + "}");
     EXPECT_EQ(seen.calls.load(), 1);
     EXPECT_EQ(seen.data, data);
     EXPECT_EQ(seen.key, key);
-    json_object* req = json_tokener_parse(seen.json.c_str());
-    ASSERT_NE(req, nullptr) << seen.json;
-    EXPECT_FALSE(json_object_object_get_ex(req, "_kv_key", nullptr));
-    json_object* name = nullptr;
-    ASSERT_TRUE(json_object_object_get_ex(req, "Name", &name));
-    EXPECT_STREQ(json_object_get_string(name), "a\"b");
-    json_object_put(req);
+    const fqtest::Json req(seen.json);
+    EXPECT_FALSE(req.has("_kv_key")) << seen.json;
+    EXPECT_EQ(req.str("Name"), "a\"b");
 
     // The receiver reads, it never deletes.
     char* meta = nullptr;
-    EXPECT_EQ(fq_nats_kv_get(cfg_, FQ_KV_SCAN_DATA_BUCKET, key, &meta, nullptr), 0);
+    EXPECT_EQ(fq_nats_kv_get(suite.cfg, FQ_KV_SCAN_DATA_BUCKET, key, &meta, nullptr), 0);
     free(meta);
-    fq_connection_unstage_scan_data(cfg_, key);
-    free(key);
+    fq_connection_unstage_scan_data(suite.cfg, key);
 }
 
-TEST_F(NatsHandlerTest, ScanExecuteWithoutKeyPassesTextAsItCame)
+TEST_F(NatsHandlerTest, ScanExecuteWithoutKeyPassesTheTextAndAForgedKeyFailsClosed)
 {
     Seen seen;
-    char* reply = nullptr;
-    const std::string raw = "this is { not json";
-    fq_worker_scan_execute(cfg_, recording_handler, &seen, raw.data(), raw.size(), &reply);
-    ASSERT_NE(reply, nullptr);
-    free(reply);
-    EXPECT_EQ(seen.json, raw);
-    EXPECT_TRUE(seen.data_null);
-    EXPECT_TRUE(seen.key_null);
-
-    const std::string cmd = "{\"Command\": 3}";
-    fq_worker_scan_execute(cfg_, recording_handler, &seen, cmd.data(), cmd.size(), &reply);
-    free(reply);
-    EXPECT_EQ(seen.json, cmd);
-    EXPECT_TRUE(seen.data_null);
-    EXPECT_EQ(seen.calls.load(), 2);
-}
-
-TEST_F(NatsHandlerTest, ForgedKeysFailClosedWithoutRunningTheHandler)
-{
-    Seen seen;
+    for (const std::string raw : {"this is { not json", "{\"Command\": 3}"}) {
+        execute(seen, raw);
+        EXPECT_EQ(seen.json, raw);
+        EXPECT_TRUE(seen.data_null && seen.key_null) << raw;
+    }
     for (const std::string body : {"{\"Command\": 101, \"_kv_key\": \"scan-forged-1\"}",
                                    "{\"Command\": 101, \"_kv_key\": 12345}",
                                    "{\"Command\": 101, \"_kv_key\": \"bad key with blanks\"}"}) {
-        SCOPED_TRACE(body);
-        char* reply = nullptr;
-        fq_worker_scan_execute(cfg_, recording_handler, &seen, body.data(), body.size(), &reply);
-        ASSERT_NE(reply, nullptr);
+        const std::string reply = execute(seen, body);
         // A key the broker could misread is not even looked up; the others are simply not there.
-        if (body.find("blanks") != std::string::npos)
-            EXPECT_NE(std::string(reply).find("\"Error\": \"Scan request refused: _kv_key 'bad key with blanks' "
-                                              "contains whitespace or a control character\""),
-                      std::string::npos)
-                << reply;
-        else
-            EXPECT_EQ(std::string(reply), unavailable_reply());
-        free(reply);
+        if (body.find("blanks") == std::string::npos) {
+            expect_unavailable(reply);
+            continue;
+        }
+        const fqtest::Json r(reply);
+        EXPECT_EQ(r.rc(), -1000) << reply;
+        EXPECT_EQ(r.str("Error"), "Scan request refused: _kv_key 'bad key with blanks' contains whitespace or a control "
+                                  "character");
     }
-    EXPECT_EQ(seen.calls.load(), 0);
+    EXPECT_EQ(seen.calls.load(), 2) << "the handler never runs for a payload that cannot be read";
 }
 
 TEST_F(NatsHandlerTest, ServingThreadAnswersFailsClosedAndStops)
@@ -201,30 +126,31 @@ TEST_F(NatsHandlerTest, ServingThreadAnswersFailsClosedAndStops)
     fqtest::StderrCapture cap;
     Seen seen;
     fq_stop_flag_t stop{0};
-    ASSERT_EQ(fq_connection_start_service_handler_threads(cfg_, "fqt.svc", recording_handler, &seen, &stop, 1), 0);
-    natsConnection_Flush(static_cast<natsConnection*>(cfg_->_conn));
+    ASSERT_EQ(fq_connection_start_service_handler_threads(suite.cfg, "fqt.svc", recording_handler, &seen, &stop, 1), 0);
+    natsConnection_Flush(static_cast<natsConnection*>(suite.cfg->_conn));
 
-    const auto data = pattern(5000);
+    const auto data = fqtest::pattern(5000);
     char* key = nullptr;
-    ASSERT_EQ(fq_connection_stage_scan_data(cfg_, data.data(), data.size(), 10000, &key, nullptr), 0);
-    EXPECT_EQ(request("fqt.svc", std::string("{\"_kv_key\": \"") + key + "\"}", 3000),
+    ASSERT_EQ(fq_connection_stage_scan_data(suite.cfg, data.data(), data.size(), 10000, &key, nullptr), 0);
+    EXPECT_EQ(fqtest::request(suite.peer, "fqt.svc", std::string("{\"_kv_key\": \"") + key + "\"}", 3000),
               "{\"ReturnCode\": 0, \"Bytes\": 5000}");
     EXPECT_EQ(seen.calls.load(), 1);
-    fq_connection_unstage_scan_data(cfg_, key);
+    fq_connection_unstage_scan_data(suite.cfg, key);
     free(key);
 
-    EXPECT_EQ(request("fqt.svc", "{\"_kv_key\": \"scan-expired-or-forged\"}", 3000), unavailable_reply());
+    expect_unavailable(fqtest::request(suite.peer, "fqt.svc", "{\"_kv_key\": \"scan-expired-or-forged\"}", 3000)
+                           .value_or("(no reply)"));
     EXPECT_EQ(seen.calls.load(), 1);
 
     // An empty body is nobody's request: no handler, no reply.
     natsStatus s = NATS_OK;
-    EXPECT_EQ(request("fqt.svc", "", 300, &s), "");
+    EXPECT_FALSE(fqtest::request(suite.peer, "fqt.svc", "", 300, &s).has_value());
     EXPECT_EQ(s, NATS_TIMEOUT);
     EXPECT_EQ(seen.calls.load(), 1);
     EXPECT_TRUE(cap.contains("NATS: starting 1 queue handler thread(s) for 'fqt.svc'"));
 
     stop = 1;
-    EXPECT_TRUE(fqtest::wait_for([&] { return cap.contains("NATS: handler thread exiting"); },
+    EXPECT_TRUE(fqtest::wait_until([&] { return cap.contains("NATS: handler thread exiting"); },
                                  std::chrono::milliseconds(2000)));
 }
 
@@ -236,8 +162,8 @@ TEST_F(NatsHandlerTest, FiftyFirstWaitingMessageIsDroppedAndReported)
     Seen seen;
     seen.block_first = true;
     fq_stop_flag_t stop{0};
-    auto* conn = static_cast<natsConnection*>(cfg_->_conn);
-    ASSERT_EQ(fq_connection_start_service_handler_threads(cfg_, "fqt.slow", recording_handler, &seen, &stop, 1), 0);
+    auto* conn = static_cast<natsConnection*>(suite.cfg->_conn);
+    ASSERT_EQ(fq_connection_start_service_handler_threads(suite.cfg, "fqt.slow", recording_handler, &seen, &stop, 1), 0);
     natsConnection_Flush(conn);
 
     natsStatistics* stats = nullptr;
@@ -250,28 +176,28 @@ TEST_F(NatsHandlerTest, FiftyFirstWaitingMessageIsDroppedAndReported)
     };
 
     const std::string body = "{\"Command\": 3}";
-    ASSERT_EQ(natsConnection_Publish(peer_, "fqt.slow", body.data(), (int)body.size()), NATS_OK);
-    ASSERT_TRUE(fqtest::wait_for([&] { return seen.calls.load() == 1; }, std::chrono::milliseconds(3000)));
+    ASSERT_EQ(natsConnection_Publish(suite.peer, "fqt.slow", body.data(), (int)body.size()), NATS_OK);
+    ASSERT_TRUE(fqtest::wait_until([&] { return seen.calls.load() == 1; }, std::chrono::milliseconds(3000)));
 
     const uint64_t before = in_msgs();
     for (int i = 0; i < FQ_NATS_SUB_PENDING_MSGS + 1; ++i)
-        ASSERT_EQ(natsConnection_Publish(peer_, "fqt.slow", body.data(), (int)body.size()), NATS_OK);
-    natsConnection_Flush(peer_);
-    ASSERT_TRUE(fqtest::wait_for([&] { return in_msgs() >= before + FQ_NATS_SUB_PENDING_MSGS + 1; },
+        ASSERT_EQ(natsConnection_Publish(suite.peer, "fqt.slow", body.data(), (int)body.size()), NATS_OK);
+    natsConnection_Flush(suite.peer);
+    ASSERT_TRUE(fqtest::wait_until([&] { return in_msgs() >= before + FQ_NATS_SUB_PENDING_MSGS + 1; },
                                  std::chrono::milliseconds(5000)));
     natsStatistics_Destroy(stats);
 
     seen.release = true;
-    EXPECT_TRUE(fqtest::wait_for(
+    EXPECT_TRUE(fqtest::wait_until(
         [&] { return cap.contains("NATS: SLOW CONSUMER on 'fqt.slow' — 1 dropped total (+1 since last notice)"); },
         std::chrono::milliseconds(3000)))
         << cap.text();
-    EXPECT_TRUE(fqtest::wait_for([&] { return seen.calls.load() == 1 + FQ_NATS_SUB_PENDING_MSGS; },
+    EXPECT_TRUE(fqtest::wait_until([&] { return seen.calls.load() == 1 + FQ_NATS_SUB_PENDING_MSGS; },
                                  std::chrono::milliseconds(3000)));
     EXPECT_EQ(seen.calls.load(), 1 + FQ_NATS_SUB_PENDING_MSGS);
     EXPECT_EQ(cap.count("SLOW CONSUMER"), 1);
     stop = 1;
-    EXPECT_TRUE(fqtest::wait_for([&] { return cap.contains("NATS: handler thread exiting"); },
+    EXPECT_TRUE(fqtest::wait_until([&] { return cap.contains("NATS: handler thread exiting"); },
                                  std::chrono::milliseconds(2000)));
 }
 
@@ -281,15 +207,15 @@ TEST_F(NatsHandlerTest, StartRefusesWhatCannotServe)
     fqtest::StderrCapture cap;
     fq_connection_config blank{};
     EXPECT_EQ(fq_connection_start_service_handler_threads(&blank, "fqt.x", recording_handler, nullptr, &stop, 1), -1);
-    EXPECT_EQ(fq_connection_start_service_handler_threads(cfg_, "fqt.x", nullptr, nullptr, &stop, 1), -1);
-    EXPECT_EQ(fq_connection_start_service_handler_threads(cfg_, "fqt.x", recording_handler, nullptr, &stop, 0), -1);
+    EXPECT_EQ(fq_connection_start_service_handler_threads(suite.cfg, "fqt.x", nullptr, nullptr, &stop, 1), -1);
+    EXPECT_EQ(fq_connection_start_service_handler_threads(suite.cfg, "fqt.x", recording_handler, nullptr, &stop, 0), -1);
     EXPECT_EQ(cap.count("NATS: invalid parameters for start_handler_threads"), 3);
-    EXPECT_EQ(fq_connection_start_service_handler_threads(cfg_, "bad subject", recording_handler, nullptr, &stop, 1),
+    EXPECT_EQ(fq_connection_start_service_handler_threads(suite.cfg, "bad subject", recording_handler, nullptr, &stop, 1),
               -1);
     EXPECT_TRUE(cap.contains("NATS: failed to subscribe to 'bad subject'"));
 
     // The durable ingress is not part of this build.
-    EXPECT_EQ(fq_connection_start_js_work_consumer(cfg_, "fqt.x", recording_handler, nullptr, &stop, 1, nullptr), -1);
+    EXPECT_EQ(fq_connection_start_js_work_consumer(suite.cfg, "fqt.x", recording_handler, nullptr, &stop, 1, nullptr), -1);
     EXPECT_TRUE(cap.contains("NATS: JetStream work-queue ingress is not available in this build"));
 }
 

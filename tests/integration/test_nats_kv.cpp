@@ -1,10 +1,7 @@
-// Staged payloads, the registry and the bucket handle cache against a real broker whose
-// buckets expire entries after two seconds.
+// Staged payloads, the registry's writes and the bucket handle cache against a real broker.
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <string>
@@ -15,19 +12,10 @@
 #include "fq_nats_client.h"
 #include "fq_provision.h"
 #include "fqhlp_replies.h"
-#include "nats_server.h"
+#include "broker_test.h"
+#include "samples.h"
 
 namespace {
-
-constexpr int64_t kShortAgeMs = 2000;
-
-std::vector<unsigned char> pattern(size_t n, unsigned seed)
-{
-    std::vector<unsigned char> v(n);
-    for (size_t i = 0; i < n; ++i)
-        v[i] = (unsigned char)((i * 31 + seed + (i >> 11)) & 0xff);
-    return v;
-}
 
 std::string unique_key()
 {
@@ -36,41 +24,14 @@ std::string unique_key()
     return k;
 }
 
-class NatsKvTest : public ::testing::Test {
+class NatsKvTest : public fqtest::BrokerTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        server_ = new fqtest::NatsServer();
-        fq_provision_opts_t po;
-        fq_provision_opts_defaults(&po);
-        po.scan_data_max_age_ms = kShortAgeMs;
-        po.registry_max_age_ms = kShortAgeMs;
-        std::string err;
-        if (!server_->start(&err) || !server_->provision(&po, nullptr, &err)) {
-            setup_error_ = err;
-            return;
-        }
-        cfg_ = server_->make_config();
-        if (fq_connection_init(cfg_) != 0)
-            setup_error_ = "fq_connection_init failed";
-    }
-
-    static void TearDownTestSuite()
-    {
-        fq_connection_deinit(cfg_);
-        fqtest::free_config(&cfg_);
-        delete server_;
-        server_ = nullptr;
-    }
-
-    void SetUp() override { ASSERT_TRUE(setup_error_.empty()) << setup_error_; }
-
     // 0 found, 1 not found, -1 failure; the value in *value when given.
     static int get(const char* bucket, const std::string& key, std::string* value = nullptr)
     {
         char* v = nullptr;
         size_t len = 0;
-        const int rc = fq_nats_kv_get(cfg_, bucket, key.c_str(), &v, &len);
+        const int rc = fq_nats_kv_get(suite.cfg, bucket, key.c_str(), &v, &len);
         if (value)
             *value = v ? std::string(v, len) : "";
         free(v);
@@ -79,7 +40,7 @@ protected:
 
     static void put_raw(const std::string& key, const std::string& value)
     {
-        kvStore* kv = get_kvstore(cfg_);
+        kvStore* kv = get_kvstore(suite.cfg);
         ASSERT_NE(kv, nullptr);
         ASSERT_EQ(kvStore_Put(nullptr, kv, key.c_str(), value.data(), (int)value.size()), NATS_OK);
     }
@@ -90,7 +51,7 @@ protected:
         natsMsg* msg = nullptr;
         const std::string stream = std::string("KV_") + bucket;
         const std::string subject = std::string("$KV.") + bucket + "." + key;
-        if (js_GetLastMsg(&msg, static_cast<jsCtx*>(cfg_->_js), stream.c_str(), subject.c_str(), nullptr, nullptr) !=
+        if (js_GetLastMsg(&msg, static_cast<jsCtx*>(suite.cfg->_js), stream.c_str(), subject.c_str(), nullptr, nullptr) !=
             NATS_OK)
             return "(no message)";
         const char* v = nullptr;
@@ -99,14 +60,7 @@ protected:
         return out;
     }
 
-    static fqtest::NatsServer* server_;
-    static fq_connection_config* cfg_;
-    static std::string setup_error_;
 };
-
-fqtest::NatsServer* NatsKvTest::server_ = nullptr;
-fq_connection_config* NatsKvTest::cfg_ = nullptr;
-std::string NatsKvTest::setup_error_;
 
 TEST_F(NatsKvTest, ChunkBoundariesAndExactMetadata)
 {
@@ -118,9 +72,9 @@ TEST_F(NatsKvTest, ChunkBoundariesAndExactMetadata)
     for (const Case& c : {Case{10, "{\"chunks\":1,\"size\":10}", 1}, Case{524288, "{\"chunks\":1,\"size\":524288}", 1},
                           Case{524289, "{\"chunks\":2,\"size\":524289}", 2}}) {
         SCOPED_TRACE(c.size);
-        const auto data = pattern(c.size, (unsigned)c.size);
+        const auto data = fqtest::pattern(c.size, (unsigned)c.size);
         const std::string key = unique_key();
-        ASSERT_EQ(kvstore_put_chunked(cfg_, key.c_str(), data.data(), data.size(), 5000), 0);
+        ASSERT_EQ(kvstore_put_chunked(suite.cfg, key.c_str(), data.data(), data.size(), 5000), 0);
 
         std::string meta;
         ASSERT_EQ(get(FQ_KV_SCAN_DATA_BUCKET, key, &meta), 0);
@@ -132,63 +86,47 @@ TEST_F(NatsKvTest, ChunkBoundariesAndExactMetadata)
 
         unsigned char* out = nullptr;
         size_t out_len = 0;
-        ASSERT_EQ(kvstore_get_chunked(cfg_, key.c_str(), &out, &out_len), 0);
+        ASSERT_EQ(kvstore_get_chunked(suite.cfg, key.c_str(), &out, &out_len), 0);
         ASSERT_EQ(out_len, data.size());
         EXPECT_EQ(memcmp(out, data.data(), out_len), 0);
         free(out);
 
-        kvstore_delete_chunked(cfg_, key.c_str());
+        kvstore_delete_chunked(suite.cfg, key.c_str());
         EXPECT_EQ(get(FQ_KV_SCAN_DATA_BUCKET, key), 1);
         for (size_t i = 0; i < c.chunks; ++i)
             EXPECT_EQ(get(FQ_KV_SCAN_DATA_BUCKET, key + "-" + std::to_string(i)), 1);
     }
 }
 
-TEST_F(NatsKvTest, StagedPayloadReadsBackByteForByteAndUnstageRemovesIt)
+TEST_F(NatsKvTest, InvalidArgumentsStageOrRegisterNothing)
 {
-    const auto data = pattern(3 * FQ_KV_CHUNK_SIZE - 17, 77);
-    char* key = nullptr;
+    char* key = reinterpret_cast<char*>(0x1);
     char err[1024] = "";
-    ASSERT_EQ(fq_connection_stage_scan_data(cfg_, data.data(), data.size(), 30000, &key, err), 0) << err;
-    ASSERT_NE(key, nullptr);
-    EXPECT_EQ(std::string(key).rfind("scan-", 0), 0u);
-
-    unsigned char* out = nullptr;
-    size_t out_len = 0;
-    ASSERT_EQ(kvstore_get_chunked(cfg_, key, &out, &out_len), 0);
-    ASSERT_EQ(out_len, data.size());
-    EXPECT_EQ(memcmp(out, data.data(), out_len), 0);
-    free(out);
-
-    fq_connection_unstage_scan_data(cfg_, key);
-    for (const char* suffix : {"", "-0", "-1", "-2"})
-        EXPECT_EQ(get(FQ_KV_SCAN_DATA_BUCKET, std::string(key) + suffix), 1) << suffix;
-    free(key);
-
-    // Invalid arguments stage nothing and leave the key null.
-    key = reinterpret_cast<char*>(0x1);
-    EXPECT_EQ(fq_connection_stage_scan_data(cfg_, data.data(), 0, 1000, &key, nullptr), -1);
+    EXPECT_EQ(fq_connection_stage_scan_data(suite.cfg, "x", 0, 1000, &key, nullptr), -1);
     EXPECT_EQ(key, nullptr);
-    EXPECT_EQ(fq_nats_stage_scan_data(cfg_, nullptr, 5, 1000, &key, err), -1);
+    EXPECT_EQ(fq_nats_stage_scan_data(suite.cfg, nullptr, 5, 1000, &key, err), -1);
     EXPECT_STREQ(err, "NATS: invalid parameters for stage_scan_data");
+    EXPECT_EQ(fq_connection_registry_put(suite.cfg, "", "{}", 1000), -1);
+    EXPECT_EQ(fq_connection_registry_put(suite.cfg, "k", nullptr, 1000), -1);
+    EXPECT_EQ(fq_connection_registry_put(nullptr, "k", "{}", 1000), -1);
 }
 
 TEST_F(NatsKvTest, EveryWriteCarriesItsTimeToLive)
 {
-    const auto data = pattern(FQ_KV_CHUNK_SIZE + 1, 4);
+    const auto data = fqtest::pattern(FQ_KV_CHUNK_SIZE + 1, 4);
     const std::string key = unique_key();
-    ASSERT_EQ(kvstore_put_chunked(cfg_, key.c_str(), data.data(), data.size(), fq_kv_ttl_ms_for(5000)), 0);
+    ASSERT_EQ(kvstore_put_chunked(suite.cfg, key.c_str(), data.data(), data.size(), fq_kv_ttl_ms_for(5000)), 0);
     EXPECT_EQ(ttl_header(FQ_KV_SCAN_DATA_BUCKET, key), "5500ms");
     EXPECT_EQ(ttl_header(FQ_KV_SCAN_DATA_BUCKET, key + "-0"), "5500ms");
     EXPECT_EQ(ttl_header(FQ_KV_SCAN_DATA_BUCKET, key + "-1"), "5500ms");
-    kvstore_delete_chunked(cfg_, key.c_str());
+    kvstore_delete_chunked(suite.cfg, key.c_str());
 
     // A registry record without a usable TTL lives 15 s.
-    ASSERT_EQ(fq_connection_registry_put(cfg_, "fqt-ttl-default", "{}", 0), 0);
+    ASSERT_EQ(fq_connection_registry_put(suite.cfg, "fqt-ttl-default", "{}", 0), 0);
     EXPECT_EQ(ttl_header(FQ_KV_REGISTRY_BUCKET, "fqt-ttl-default"), "15000ms");
-    ASSERT_EQ(fq_connection_registry_put(cfg_, "fqt-ttl-default", "{}", -5), 0);
+    ASSERT_EQ(fq_connection_registry_put(suite.cfg, "fqt-ttl-default", "{}", -5), 0);
     EXPECT_EQ(ttl_header(FQ_KV_REGISTRY_BUCKET, "fqt-ttl-default"), "15000ms");
-    fq_connection_registry_delete(cfg_, "fqt-ttl-default");
+    fq_connection_registry_delete(suite.cfg, "fqt-ttl-default");
 
     // This broker ignores the header and accepts the write: no fallback was needed.
     EXPECT_EQ(fq_nats_kv_msg_ttl_unsupported(), 0);
@@ -217,11 +155,11 @@ TEST_F(NatsKvTest, ForgedOrBrokenMetadataFailsClosed)
         put_raw(key + "-0", "0123456789");
         unsigned char* out = nullptr;
         size_t out_len = 12345;
-        EXPECT_EQ(kvstore_get_chunked(cfg_, key.c_str(), &out, &out_len), -1);
+        EXPECT_EQ(kvstore_get_chunked(suite.cfg, key.c_str(), &out, &out_len), -1);
         EXPECT_EQ(out, nullptr);
         EXPECT_EQ(out_len, 12345u);
         // Deleting never walks a forged chunk count; the record itself goes.
-        kvstore_delete_chunked(cfg_, key.c_str());
+        kvstore_delete_chunked(suite.cfg, key.c_str());
         EXPECT_EQ(get(FQ_KV_SCAN_DATA_BUCKET, key), 1);
     }
     EXPECT_GE(cap.count("rejected: size="), 5);
@@ -237,7 +175,7 @@ TEST_F(NatsKvTest, StagedObjectsAreReadStrictly)
         std::vector<std::string> chunks;  // written as <key>-0, <key>-1, ...
         const char* log;
     };
-    const std::string eicar = "X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
+    const std::string& eicar = fqtest::kEicar;
     const std::vector<Case> cases = {
         {"chunk longer than an empty object", "{\"chunks\":1,\"size\":0}", {eicar}, "refused: chunk 0 holds"},
         {"chunk longer than announced", "{\"chunks\":1,\"size\":10}", {"0123456789X"}, "refused: chunk 0 holds"},
@@ -258,7 +196,7 @@ TEST_F(NatsKvTest, StagedObjectsAreReadStrictly)
             put_raw(key + "-" + std::to_string(i), c.chunks[i]);
         unsigned char* out = nullptr;
         size_t out_len = 0;
-        EXPECT_EQ(kvstore_get_chunked(cfg_, key.c_str(), &out, &out_len), -1);
+        EXPECT_EQ(kvstore_get_chunked(suite.cfg, key.c_str(), &out, &out_len), -1);
         EXPECT_EQ(out, nullptr);
         EXPECT_TRUE(cap.contains(c.log)) << cap.text();
     }
@@ -266,7 +204,7 @@ TEST_F(NatsKvTest, StagedObjectsAreReadStrictly)
 
 TEST_F(NatsKvTest, NamesTheBrokerCouldMisreadNeverReachIt)
 {
-    auto* nc = static_cast<natsConnection*>(cfg_->_conn);
+    auto* nc = static_cast<natsConnection*>(suite.cfg->_conn);
     natsSubscription* tap = nullptr;
     ASSERT_EQ(natsConnection_SubscribeSync(&tap, nc, "probe.>"), NATS_OK);
     const std::vector<std::string> bad = {"a b", "x\r\nPUB probe.injected 5\r\nhello", std::string(4000, 'k'), "a*",
@@ -274,17 +212,17 @@ TEST_F(NatsKvTest, NamesTheBrokerCouldMisreadNeverReachIt)
     for (const std::string& key : bad) {
         SCOPED_TRACE(key.substr(0, 40));
         char err[1024] = "";
-        EXPECT_EQ(fq_connection_send_recv_json(cfg_, key.c_str(), "{}", 200, 0, err), nullptr);
+        EXPECT_EQ(fq_connection_send_recv_json(suite.cfg, key.c_str(), "{}", 200, 0, err), nullptr);
         EXPECT_NE(std::string(err).find("NATS: refusing the service name"), std::string::npos) << err;
         unsigned char* out = nullptr;
         size_t out_len = 0;
-        EXPECT_EQ(kvstore_put_chunked(cfg_, key.c_str(), "abc", 3, 5000), -1);
-        EXPECT_EQ(kvstore_get_chunked(cfg_, key.c_str(), &out, &out_len), -1);
-        EXPECT_EQ(fq_connection_registry_put(cfg_, key.c_str(), "{}", 5000), -1);
-        EXPECT_EQ(fq_nats_kv_put(cfg_, FQ_KV_REGISTRY_BUCKET, key.c_str(), "{}", 5000), -1);
+        EXPECT_EQ(kvstore_put_chunked(suite.cfg, key.c_str(), "abc", 3, 5000), -1);
+        EXPECT_EQ(kvstore_get_chunked(suite.cfg, key.c_str(), &out, &out_len), -1);
+        EXPECT_EQ(fq_connection_registry_put(suite.cfg, key.c_str(), "{}", 5000), -1);
+        EXPECT_EQ(fq_nats_kv_put(suite.cfg, FQ_KV_REGISTRY_BUCKET, key.c_str(), "{}", 5000), -1);
     }
     // Nothing of it was written under any name the bucket could hold.
-    kvStore* kv = get_registry_kvstore(cfg_);
+    kvStore* kv = get_registry_kvstore(suite.cfg);
     ASSERT_NE(kv, nullptr);
     kvKeysList keys{};
     const natsStatus s = kvStore_Keys(&keys, kv, nullptr);
@@ -300,7 +238,7 @@ TEST_F(NatsKvTest, NamesTheBrokerCouldMisreadNeverReachIt)
 
 TEST_F(NatsKvTest, ReplicaCatchUpFindsLateKeyAndGivesUpAfterHalfASecond)
 {
-    kvStore* kv = get_kvstore(cfg_);
+    kvStore* kv = get_kvstore(suite.cfg);
     ASSERT_NE(kv, nullptr);
     const std::string late = unique_key();
     std::thread writer([&] {
@@ -323,87 +261,14 @@ TEST_F(NatsKvTest, ReplicaCatchUpFindsLateKeyAndGivesUpAfterHalfASecond)
     EXPECT_LT(ms, 1500);
 }
 
-int count_calls(void* handler_config, fq_const_request_reply_t* rr)
+// Threads arriving at once at an empty cache end up with one handle, and closing the connection
+// releases it.
+TEST_F(NatsKvTest, BucketHandleIsBoundOnceAndReleasedWithTheConnection)
 {
-    static_cast<std::atomic<int>*>(handler_config)->fetch_add(1);
-    return fq_reply_set_OK(&rr->reply->json_txt);
-}
-
-TEST_F(NatsKvTest, ExpiredPayloadIsAnsweredWithServiceErrorWithoutHandler)
-{
-    const auto data = pattern(2048, 8);
-    char* key = nullptr;
-    ASSERT_EQ(fq_connection_stage_scan_data(cfg_, data.data(), data.size(), 100, &key, nullptr), 0);
-    // The bucket's max age expires it (this broker has no per-message TTL).
-    ASSERT_TRUE(fqtest::wait_for([&] { return get(FQ_KV_SCAN_DATA_BUCKET, key) == 1; },
-                                 std::chrono::milliseconds(kShortAgeMs + 8000)));
-
-    std::atomic<int> calls{0};
-    const std::string body = std::string("{\"Command\": 101, \"_kv_key\": \"") + key + "\"}";
-    char* reply = nullptr;
-    fq_worker_scan_execute(cfg_, count_calls, &calls, body.data(), body.size(), &reply);
-    ASSERT_NE(reply, nullptr);
-    char host[256] = "";
-    gethostname(host, sizeof(host));
-    EXPECT_EQ(std::string(reply), std::string("{\"ReturnCode\": -1000, \"Error\": \"Scan data unavailable: staged "
-                                              "payload could not be retrieved from the KV store\", "
-                                              "\"WorkerHostname\": \"") +
-                                      host + "\"}");
-    EXPECT_EQ(calls.load(), 0);
-    free(reply);
-    free(key);
-}
-
-TEST_F(NatsKvTest, RegistryRecordIsVisibleGoneAfterDeleteAndExpires)
-{
-    const std::string rec = "{\"ServiceName\": \"fq-av-scanproxy\", \"Pid\": 42}";
-    ASSERT_EQ(fq_connection_registry_put(cfg_, "fqt-host_42", rec.c_str(), 10000), 0);
-    std::string value;
-    ASSERT_EQ(get(FQ_KV_REGISTRY_BUCKET, "fqt-host_42", &value), 0);
-    EXPECT_EQ(value, rec);
-    fq_connection_registry_delete(cfg_, "fqt-host_42");
-    EXPECT_EQ(get(FQ_KV_REGISTRY_BUCKET, "fqt-host_42"), 1);
-
-    // Nobody refreshes it: the record goes by itself.
-    ASSERT_EQ(fq_connection_registry_put(cfg_, "fqt-host_43", rec.c_str(), 1000), 0);
-    EXPECT_EQ(get(FQ_KV_REGISTRY_BUCKET, "fqt-host_43"), 0);
-    EXPECT_TRUE(fqtest::wait_for([&] { return get(FQ_KV_REGISTRY_BUCKET, "fqt-host_43") == 1; },
-                                 std::chrono::milliseconds(kShortAgeMs + 8000)));
-
-    EXPECT_EQ(fq_connection_registry_put(cfg_, "", rec.c_str(), 1000), -1);
-    EXPECT_EQ(fq_connection_registry_put(cfg_, "k", nullptr, 1000), -1);
-    EXPECT_EQ(fq_connection_registry_put(nullptr, "k", rec.c_str(), 1000), -1);
-}
-
-TEST_F(NatsKvTest, KvGetNotFoundIsQuietAndEmptyValueIsFound)
-{
-    fqtest::StderrCapture cap;
-    EXPECT_EQ(get(FQ_KV_WQ_DEDUP_BUCKET, "fqt-nothing-here"), 1);
-    EXPECT_FALSE(cap.contains("ERROR"));
-
-    ASSERT_EQ(fq_nats_kv_put(cfg_, FQ_KV_WQ_DEDUP_BUCKET, "fqt-empty", "", 300000), 0);
-    char* v = nullptr;
-    size_t len = 99;
-    ASSERT_EQ(fq_nats_kv_get(cfg_, FQ_KV_WQ_DEDUP_BUCKET, "fqt-empty", &v, &len), 0);
-    ASSERT_NE(v, nullptr);
-    EXPECT_STREQ(v, "");
-    EXPECT_EQ(len, 0u);
-    free(v);
-
-    EXPECT_EQ(fq_nats_kv_get(cfg_, FQ_KV_WQ_DEDUP_BUCKET, "", &v, &len), -1);
-    EXPECT_EQ(fq_nats_kv_get(cfg_, "fqt-no-such-bucket", "k", &v, &len), -1);
-    EXPECT_TRUE(cap.contains("KV bucket 'fqt-no-such-bucket' not found"));
-}
-
-// Threads arriving at once at an empty cache end up with one handle, and the cache is
-// bounded: an eighth extra bucket is refused.
-TEST_F(NatsKvTest, HandleCacheBindsOncePerBucketAndIsBounded)
-{
-    fq_connection_config* fresh = server_->make_config();
+    fq_connection_config* fresh = suite.server->make_config();
     ASSERT_EQ(fq_connection_init(fresh), 0);
-
     constexpr int kThreads = 8;
-    std::vector<kvStore*> dedup(kThreads), scan(kThreads);
+    std::vector<kvStore*> scan(kThreads);
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i)
@@ -411,38 +276,17 @@ TEST_F(NatsKvTest, HandleCacheBindsOncePerBucketAndIsBounded)
             ready.fetch_add(1);
             while (ready.load() < kThreads) {
             }
-            dedup[i] = get_kvstore_for(fresh, FQ_KV_WQ_DEDUP_BUCKET);
             scan[i] = get_kvstore(fresh);
         });
     for (auto& t : threads)
         t.join();
-    for (int i = 0; i < kThreads; ++i) {
-        EXPECT_NE(dedup[i], nullptr);
-        EXPECT_EQ(dedup[i], dedup[0]);
+    ASSERT_NE(scan[0], nullptr);
+    for (int i = 0; i < kThreads; ++i)
         EXPECT_EQ(scan[i], scan[0]);
-    }
-    EXPECT_EQ(fresh->_kv_extra[0], dedup[0]);
-    EXPECT_EQ(fresh->_kv_extra[1], nullptr);
-    EXPECT_EQ(get_kvstore_for(fresh, FQ_KV_SCAN_DATA_BUCKET), scan[0]);
     EXPECT_EQ(fresh->_kv, scan[0]);
-
-    auto* js = static_cast<jsCtx*>(fresh->_js);
-    static const char* const names[] = {"fqt-b1", "fqt-b2", "fqt-b3", "fqt-b4", "fqt-b5", "fqt-b6", "fqt-b7"};
-    for (const char* name : names)
-        ASSERT_EQ(fq_provision_bucket(js, name, 60000, 1, nullptr), 0) << name;
-    for (int i = 0; i < 6; ++i)
-        EXPECT_NE(get_kvstore_for(fresh, names[i]), nullptr) << names[i];
-    fqtest::StderrCapture cap;
-    EXPECT_EQ(get_kvstore_for(fresh, names[6]), nullptr);
-    EXPECT_TRUE(cap.contains("FQ_NATS_KV_EXTRA_BUCKETS=7"));
-    EXPECT_EQ(fq_nats_kv_put(fresh, names[6], "k", "{}", 1000), -1);
-
     fq_connection_deinit(fresh);
     EXPECT_EQ(fresh->_conn, nullptr);
-    EXPECT_EQ(fresh->_js, nullptr);
     EXPECT_EQ(fresh->_kv, nullptr);
-    EXPECT_EQ(fresh->_kv_extra[0], nullptr);
-    EXPECT_EQ(fresh->_kv_extra_name[0], nullptr);
     fqtest::free_config(&fresh);
 }
 

@@ -12,29 +12,8 @@
 
 namespace {
 
-const std::string kTool = std::string(FQ_BUILD_DIR) + "/fq-av-provision";
+const std::string kTool = fqtest::build_program("fq-av-provision");
 constexpr int64_t kNsPerMs = 1000000;
-
-struct Peer {
-    natsConnection* nc = nullptr;
-    jsCtx* js = nullptr;
-    ~Peer()
-    {
-        jsCtx_Destroy(js);
-        if (nc) {
-            natsConnection_Close(nc);
-            natsConnection_Destroy(nc);
-        }
-    }
-};
-
-void open_peer(const fqtest::NatsServer& server, Peer* p)
-{
-    std::string err;
-    p->nc = server.connect_peer(&err);
-    ASSERT_NE(p->nc, nullptr) << err;
-    ASSERT_EQ(natsConnection_JetStream(&p->js, p->nc, nullptr), NATS_OK);
-}
 
 int64_t stream_max_age_ms(jsCtx* js, const std::string& stream)
 {
@@ -59,21 +38,23 @@ TEST(NatsProvision, ToolCreatesBucketsQueueAndConsumerAndRunsAgain)
     ASSERT_EQ(fqtest::run_program(args, &out), 0) << out;
     EXPECT_NE(out.find("provisioned"), std::string::npos) << out;
 
-    Peer p;
-    open_peer(server, &p);
-    EXPECT_EQ(stream_max_age_ms(p.js, "KV_fq-av-scan-data"), 120000);
-    EXPECT_EQ(stream_max_age_ms(p.js, "KV_fq-av-worker-registry"), 1500);
-    EXPECT_EQ(stream_max_age_ms(p.js, "KV_fq-av-wq-dedup"), FQ_PROVISION_DEDUP_MAX_AGE_MS);
+    fq_nats_conn_ptr nc(server.connect_peer());
+    jsCtx* raw = nullptr;
+    ASSERT_EQ(natsConnection_JetStream(&raw, nc.get(), nullptr), NATS_OK);
+    fq_js_ctx_ptr js(raw);
+    EXPECT_EQ(stream_max_age_ms(js.get(), "KV_fq-av-scan-data"), 120000);
+    EXPECT_EQ(stream_max_age_ms(js.get(), "KV_fq-av-worker-registry"), 1500);
+    EXPECT_EQ(stream_max_age_ms(js.get(), "KV_fq-av-wq-dedup"), FQ_PROVISION_DEDUP_MAX_AGE_MS);
 
     jsStreamInfo* si = nullptr;
-    ASSERT_EQ(js_GetStreamInfo(&si, p.js, "JOBS_fq-av-scanproxy", nullptr, nullptr), NATS_OK);
+    ASSERT_EQ(js_GetStreamInfo(&si, js.get(), "JOBS_fq-av-scanproxy", nullptr, nullptr), NATS_OK);
     EXPECT_EQ(si->Config->Retention, js_WorkQueuePolicy);
     ASSERT_EQ(si->Config->SubjectsLen, 1);
     EXPECT_STREQ(si->Config->Subjects[0], "jobs.fq-av-scanproxy");
     jsStreamInfo_Destroy(si);
 
     jsConsumerInfo* ci = nullptr;
-    ASSERT_EQ(js_GetConsumerInfo(&ci, p.js, "JOBS_fq-av-scanproxy", "WORK_fq-av-scanproxy", nullptr, nullptr),
+    ASSERT_EQ(js_GetConsumerInfo(&ci, js.get(), "JOBS_fq-av-scanproxy", "WORK_fq-av-scanproxy", nullptr, nullptr),
               NATS_OK);
     EXPECT_EQ(ci->Config->AckPolicy, js_AckExplicit);
     EXPECT_EQ(ci->Config->AckWait, 7000 * kNsPerMs);
@@ -84,7 +65,7 @@ TEST(NatsProvision, ToolCreatesBucketsQueueAndConsumerAndRunsAgain)
 
     // Dots in a service name stay in the subject and become '_' in the names.
     ci = nullptr;
-    ASSERT_EQ(js_GetConsumerInfo(&ci, p.js, "JOBS_fq_av_dotted", "WORK_fq_av_dotted", nullptr, nullptr), NATS_OK);
+    ASSERT_EQ(js_GetConsumerInfo(&ci, js.get(), "JOBS_fq_av_dotted", "WORK_fq_av_dotted", nullptr, nullptr), NATS_OK);
     EXPECT_STREQ(ci->Config->FilterSubject, "jobs.fq.av.dotted");
     jsConsumerInfo_Destroy(ci);
 

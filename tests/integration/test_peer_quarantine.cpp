@@ -131,7 +131,7 @@ protected:
         child = fqtest::spawn({kQuarantine, "--broker", server->url(), "--key", "vault1", "--directory", store(),
                                "--passphrase-file", dir->path() + "/older", "--passphrase-file", dir->path() + "/pass"},
                               dir->path());
-        ASSERT_TRUE(fqtest::wait_for(
+        ASSERT_TRUE(fqtest::wait_until(
             [&] {
                 return fq_connection_simple_request(cfg, "fq-av-quarantine.vault1", "{\"Command\": 3}", 200, 0,
                                                     nullptr) == 0;

@@ -70,7 +70,7 @@ protected:
         store = fqtest::spawn({kQuarantine, "--broker", suite.server->url(), "--key", "q1", "--directory", store_dir(),
                                "--threads", "2"},
                               dir->path());
-        ASSERT_TRUE(fqtest::wait_for(
+        ASSERT_TRUE(fqtest::wait_until(
             [] { return fq_connection_simple_request(suite.cfg, "fq-av-quarantine.q1", "{\"Command\": 3}", 200, 0,
                                                      nullptr) == 0; },
             15s))

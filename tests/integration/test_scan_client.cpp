@@ -1,6 +1,5 @@
 // fq-av-scan against the real worker on a real broker, with in-test scan services.
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <nats/nats.h>
 
 #include <sys/stat.h>
@@ -14,53 +13,20 @@
 #include <string>
 #include <vector>
 
+#include "json_util.h"
 #include "worker_fixture.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-const std::string kScan = FQ_BUILD_DIR "/fq-av-scan";
+const std::string kScan = fqtest::build_program("fq-av-scan");
 
-struct Json {
-    json_object* obj = nullptr;
-    explicit Json(const std::string& text) : obj(json_tokener_parse(text.c_str())) {}
-    ~Json() { json_object_put(obj); }
-    Json(const Json&) = delete;
-    Json& operator=(const Json&) = delete;
-    json_object* get(const char* key) const
-    {
-        json_object* v = nullptr;
-        return obj && json_object_object_get_ex(obj, key, &v) ? v : nullptr;
-    }
-    std::string text(const char* key) const
-    {
-        json_object* v = get(key);
-        return v ? json_object_get_string(v) : "";
-    }
-    int64_t num(const char* key) const
-    {
-        json_object* v = get(key);
-        return v ? json_object_get_int64(v) : -99999;
-    }
-};
+using fqtest::Json;
 
 std::string s_entry(const std::string& name, int rc, const std::string& virus = "")
 {
-    std::string e = "{\"ReturnCode\": " + std::to_string(rc) + ", \"File-name\": \"" + name +
-                    "\", \"File-size\": 11, \"Object-type\": -1, \"MIME-type\": \"text/plain\"";
-    if (!virus.empty())
-        e += ", \"Virusname\": \"" + virus + "\"";
-    return e + "}";
-}
-
-std::string s_reply(int rc, const std::vector<std::string>& entries)
-{
-    std::string r = "{\"ReturnCode\": " + std::to_string(rc) + ", \"FilesScanned\": " + std::to_string(entries.size()) +
-                    ", \"Results\": [";
-    for (size_t i = 0; i < entries.size(); ++i)
-        r += (i ? ", " : "") + entries[i];
-    return r + "]}";
+    return fqtest::service_entry(name, rc, virus, "text/plain");
 }
 
 // A scan service that finds "Test.Virus" in objects whose name begins with "bad", fails on
@@ -69,12 +35,12 @@ fqtest::Responder::Fn s_engine()
 {
     return [](const std::string& body) -> std::optional<std::string> {
         Json job(body);
-        const std::string name = job.text("ObjectName");
+        const std::string name = job.str("ObjectName");
         if (name.rfind("bad", 0) == 0)
-            return s_reply(-210, {s_entry(name, -210, "Test.Virus"), s_entry(name + "/inner.exe", -210, "Test.Virus")});
+            return fqtest::service_reply(-210, {s_entry(name, -210, "Test.Virus"), s_entry(name + "/inner.exe", -210, "Test.Virus")});
         if (name.rfind("broken", 0) == 0)
             return std::string("{\"ReturnCode\": -1000, \"Error\": \"engine down\"}");
-        return s_reply(0, {s_entry(name, 0)});
+        return fqtest::service_reply(0, {s_entry(name, 0)});
     };
 }
 
@@ -185,45 +151,34 @@ TEST_F(ScanClient, CleanFileIsOkAndTheJobCarriesTheDefaults)
     ScanRun r = scan({"--services", "fq-av-tc-clean", path});
     EXPECT_EQ(0, r.status) << r.out << r.err;
     EXPECT_EQ(path + ": OK\n", r.out);
-
     ASSERT_EQ(1, engine.count());
-    Json job(engine.bodies()[0]);
-    EXPECT_EQ("report.txt", job.text("ObjectName"));
-    EXPECT_EQ(11, job.num("ObjectLen"));
-    EXPECT_EQ(101, job.num("Command"));
-    EXPECT_EQ(30000, job.num("SCANTIMEOUT"));
-    EXPECT_EQ(1, job.num("SCANEXTRACT"));
-    EXPECT_EQ(5, job.num("SCANEXTRACT_DEPTH"));
+    const Json job(engine.bodies()[0]);
     char host[256] = "";
     gethostname(host, sizeof(host) - 1);
-    EXPECT_EQ(host, job.text("Hostname"));
-    EXPECT_FALSE(job.text("EventID").empty());
+    EXPECT_EQ(host, job.str("Hostname"));
+    EXPECT_EQ("report.txt", job.str("ObjectName"));
+    EXPECT_FALSE(job.str("EventID").empty());
+    for (const auto& [key, value] : std::map<std::string, int64_t>{
+             {"ObjectLen", 11}, {"Command", 101}, {"SCANTIMEOUT", 30000}, {"SCANEXTRACT", 1}, {"SCANEXTRACT_DEPTH", 5}})
+        EXPECT_EQ(value, job.num(key.c_str())) << key;
 }
 
-TEST_F(ScanClient, FindingIsFoundWithItsNestedEntriesAndExitsOne)
+TEST_F(ScanClient, FindingsExitOneAndAServiceFailureIsAnErrorThatWinsOverThem)
 {
     fqtest::Responder engine(env->peer, "fq-av-tc-find", s_engine());
-    const std::string path = file("bad.com", "X5O!P%@AP");
-    ScanRun r = scan({"--services", "fq-av-tc-find", "--verbose", path});
-    EXPECT_EQ(1, r.status) << r.out << r.err;
-    EXPECT_NE(std::string::npos, r.out.find(path + ": Test.Virus FOUND\n")) << r.out;
-    EXPECT_NE(std::string::npos, r.out.find("  bad.com/inner.exe: Test.Virus FOUND (text/plain, 11 bytes)\n")) << r.out;
-}
-
-TEST_F(ScanClient, ServiceFailureIsAnErrorAndWinsOverAFinding)
-{
-    fqtest::Responder engine(env->peer, "fq-av-tc-fail", s_engine());
+    const std::string bad = file("tree/bad.com", "X5O!P%@AP");
     const std::string broken = file("tree/broken.doc", "anything");
-    const std::string bad = file("tree/bad.doc", "anything");
-    ScanRun one = scan({"--services", "fq-av-tc-fail", broken});
-    EXPECT_EQ(2, one.status) << one.out << one.err;
-    EXPECT_EQ(0u, one.out.rfind(broken + ": ERROR ", 0)) << one.out;
-    EXPECT_NE(std::string::npos, one.out.find("engine down")) << one.out;
+    ScanRun found = scan({"--services", "fq-av-tc-find", "--verbose", bad});
+    EXPECT_EQ(1, found.status) << found.out << found.err;
+    EXPECT_NE(std::string::npos, found.out.find(bad + ": Test.Virus FOUND\n")) << found.out;
+    EXPECT_NE(std::string::npos, found.out.find("  bad.com/inner.exe: Test.Virus FOUND (text/plain, 11 bytes)\n"))
+        << found.out;
 
-    ScanRun both = scan({"--services", "fq-av-tc-fail", files / "tree"});
+    ScanRun both = scan({"--services", "fq-av-tc-find", files / "tree"});
     EXPECT_EQ(2, both.status) << both.out << both.err;
     EXPECT_NE(std::string::npos, both.out.find(bad + ": Test.Virus FOUND")) << both.out;
-    EXPECT_NE(std::string::npos, both.out.find(broken + ": ERROR")) << both.out;
+    EXPECT_NE(std::string::npos, both.out.find(broken + ": ERROR ")) << both.out;
+    EXPECT_NE(std::string::npos, both.out.find("engine down")) << both.out;
 }
 
 TEST_F(ScanClient, TreeIsWalkedWithoutLeavingIt)
@@ -269,15 +224,15 @@ TEST_F(ScanClient, PolicyFileAndOptionsMakeTheJob)
     ASSERT_EQ(2, engine.count());
     Json first(engine.bodies()[0]);
     Json second(engine.bodies()[1]);
-    EXPECT_EQ("S42", first.text("SID"));
-    EXPECT_EQ("r7", first.text("realmID"));
+    EXPECT_EQ("S42", first.str("SID"));
+    EXPECT_EQ("r7", first.str("realmID"));
     EXPECT_EQ(1, first.num("CUST_CLEAN"));
     EXPECT_EQ(3, first.num("SCANEXTRACT_DEPTH"));
     EXPECT_EQ(5000, first.num("SCANTIMEOUT"));
-    EXPECT_EQ("one.txt", first.text("ObjectName"));
+    EXPECT_EQ("one.txt", first.str("ObjectName"));
     // Each object has an id of its own, whatever the policy says.
-    EXPECT_NE("fixed", first.text("EventID"));
-    EXPECT_NE(first.text("EventID"), second.text("EventID"));
+    EXPECT_NE("fixed", first.str("EventID"));
+    EXPECT_NE(first.str("EventID"), second.str("EventID"));
 
     const std::string broken = file("broken.json", "{\"SID\": ");
     ScanRun bad = scan({"--policy", broken, files / "two"});
@@ -317,8 +272,8 @@ TEST_F(ScanClient, JsonLinesCarryThePathAndTheReply)
     std::map<std::string, int64_t> codes;
     for (std::string line; std::getline(lines, line);) {
         Json j(line);
-        ASSERT_NE(nullptr, j.obj) << line;
-        codes[j.text("path")] = j.num("ReturnCode");
+        ASSERT_TRUE(j) << line;
+        codes[j.str("path")] = j.num("ReturnCode");
     }
     EXPECT_EQ((std::map<std::string, int64_t>{{ok, 1}, {bad, -210}}), codes);
     // The summary stays out of the JSON lines.
@@ -342,6 +297,7 @@ TEST_F(ScanClient, PingFindsTheWorker)
 }
 
 // A stand-in on the worker's subject answers what no worker would: none of it is a verdict.
+// A stand-in on the worker's subject answers what no worker would: none of it is a verdict.
 TEST(ScanClientReplies, AnythingButAVerdictIsAnError)
 {
     fqtest::WorkerEnv env(false);
@@ -349,38 +305,29 @@ TEST(ScanClientReplies, AnythingButAVerdictIsAnError)
     fqtest::TempDir dir;
     const std::string path = dir / "x.txt";
     fqtest::write_file(path, "content");
-    auto scan = [&](std::string* out) {
-        std::string all;
-        const int status =
-            fqtest::run_program({kScan, "--broker", env.server.url(), "--no-summary", path}, &all, 30000ms);
-        *out = all;
-        return status;
-    };
-    std::string out;
-    EXPECT_EQ(2, scan(&out));
-    EXPECT_NE(std::string::npos, out.find("ERROR no worker serves fq-av-scanproxy")) << out;
-
     const std::vector<std::pair<std::string, std::string>> replies = {
+        {"", "ERROR no worker serves fq-av-scanproxy"},
         {"not json", "not a JSON object"},
         {"[1, 2]", "not a JSON object"},
         {"{\"FilesScanned\": 0}", "no ReturnCode"},
         {"{\"ReturnCode\": 0}", "unexpected ReturnCode 0"},
         {"{\"ReturnCode\": \"clean\"}", "unreadable ReturnCode"},
         {"{\"ReturnCode\": 7}", "unexpected ReturnCode 7"},
+        // The code as text, as after a failed quarantine, is still read.
+        {"{\"ReturnCode\": \"-1000\", \"Error\": \"Quarantine service fq-av-quarantine.q is not available\"}",
+         ": ERROR Quarantine service fq-av-quarantine.q is not available"},
     };
     for (const auto& [reply, why] : replies) {
-        fqtest::Responder fake(env.peer, "fq-av-scanproxy", [&](const std::string&) { return reply; });
-        EXPECT_EQ(2, scan(&out)) << reply;
+        std::unique_ptr<fqtest::Responder> fake;
+        if (!reply.empty())
+            fake = std::make_unique<fqtest::Responder>(env.peer, "fq-av-scanproxy",
+                                                       [&](const std::string&) { return reply; });
+        std::string out;
+        EXPECT_EQ(2, fqtest::run_program({kScan, "--broker", env.server.url(), "--no-summary", path}, &out, 30000ms))
+            << reply;
         EXPECT_NE(std::string::npos, out.find(path + ": ERROR")) << reply << " -> " << out;
         EXPECT_NE(std::string::npos, out.find(why)) << reply << " -> " << out;
     }
-    // The code as text, as after a failed quarantine, is still read.
-    fqtest::Responder fake(env.peer, "fq-av-scanproxy", [](const std::string&) {
-        return std::string("{\"ReturnCode\": \"-1000\", \"Error\": \"Quarantine service fq-av-quarantine.q is not "
-                           "available\"}");
-    });
-    EXPECT_EQ(2, scan(&out));
-    EXPECT_NE(std::string::npos, out.find(": ERROR Quarantine service fq-av-quarantine.q is not available")) << out;
 }
 
 }  // namespace

@@ -1,343 +1,229 @@
-// The scan road on a real broker: the worker's serving thread, in-test scan services,
-// a client that stages its object and sends the job with the key.
-#include <gtest/gtest.h>
-#include <json-c/json.h>
-#include <nats/nats.h>
-
+// The scan road on a real broker: the worker's serving threads, in-test scan services, and a
+// client that stages its object and sends the job with the key.
 #include <signal.h>
 
-#include <atomic>
 #include <chrono>
-#include <map>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "fq_connection_client.h"
+#include "broker_test.h"
 #include "fq_nats_client.h"
 #include "fq_worker.h"
-#include "nats_server.h"
+#include "worker_fixture.h"
 
 using namespace std::chrono_literals;
+using fqtest::Json;
+using fqtest::service_entry;
+using fqtest::service_reply;
 
 namespace {
 
 fq_stop_flag_t s_stop{0};
+const std::string kText = "hello world";
 
-std::string s_entry(const std::string& name, int rc, const std::string& virus = "", const std::string& mime = "")
-{
-    std::string e = "{\"ReturnCode\": " + std::to_string(rc) + ", \"File-name\": \"" + name +
-                    "\", \"File-size\": 11, \"Object-type\": -1";
-    if (!virus.empty())
-        e += ", \"Virusname\": \"" + virus + "\"";
-    if (!mime.empty())
-        e += ", \"MIME-type\": \"" + mime + "\", \"MIME-encoding\": \"us-ascii\", \"File-type\": \"ASCII text\", "
-             "\"Extension\": \"txt\"";
-    return e + "}";
-}
-
-std::string s_reply(int rc, const std::vector<std::string>& entries, const std::string& extra = "")
-{
-    std::string r = "{\"ReturnCode\": " + std::to_string(rc) + ", \"FilesScanned\": " + std::to_string(entries.size()) +
-                    ", \"Results\": [";
-    for (size_t i = 0; i < entries.size(); ++i)
-        r += (i ? ", " : "") + entries[i];
-    return r + "]" + extra + "}";
-}
-
-struct Parsed {
-    json_object* obj = nullptr;
-    explicit Parsed(const std::string& text) : obj(json_tokener_parse(text.c_str())) {}
-    ~Parsed() { json_object_put(obj); }
-    json_object* get(const char* key) const
-    {
-        json_object* v = nullptr;
-        return obj && json_object_object_get_ex(obj, key, &v) ? v : nullptr;
-    }
-    int rc() const
-    {
-        json_object* v = get("ReturnCode");
-        return v ? json_object_get_int(v) : 12345;
-    }
-    std::string text(const char* key) const
-    {
-        json_object* v = get(key);
-        return v ? json_object_get_string(v) : "";
-    }
-};
-
-class ScanPipeline : public ::testing::Test {
+class ScanPipeline : public fqtest::BrokerTest {
 protected:
-    static inline fqtest::NatsServer* server = nullptr;
-    static inline fq_connection_config* worker_cfg = nullptr;
-    static inline fq_connection_config* client_cfg = nullptr;
     static inline fq_worker_config_t config{};
     static inline fq_service_description_t desc{};
     static inline fq_thread_global_params_t global{};
     static inline fq_worker_thread_t thread{};
-    static inline natsConnection* peer = nullptr;
 
     static void SetUpTestSuite()
     {
-        server = new fqtest::NatsServer();
-        std::string err;
-        ASSERT_TRUE(server->start(&err)) << err;
-        ASSERT_TRUE(server->provision(nullptr, nullptr, &err)) << err;
-        worker_cfg = server->make_config();
-        client_cfg = server->make_config();
-        ASSERT_EQ(0, fq_connection_init(worker_cfg));
-        ASSERT_EQ(0, fq_connection_init(client_cfg));
-        config.connection_config = worker_cfg;
+        BrokerTest::SetUpTestSuite();
+        config.connection_config = suite.cfg;
         desc.service_name = const_cast<char*>("Scan proxy");
         global.config = &config;
         global.serviceDescription = &desc;
         thread.global_parameters = &global;
-        thread.currentstatus = STARTING;
         // Two serving threads, each with its own subscription, as the worker runs them.
-        for (int i = 0; i < 2; ++i)
-            ASSERT_EQ(0, fq_connection_start_service_handler_threads(worker_cfg, "fq-av-scanproxy",
-                                                                     fq_worker_client_request_handler, &thread,
-                                                                     &s_stop, 1));
-        peer = server->connect_peer(&err);
-        ASSERT_NE(nullptr, peer) << err;
+        for (int i = 0; i < 2 && suite.cfg; ++i)
+            if (fq_connection_start_service_handler_threads(suite.cfg, "fq-av-scanproxy",
+                                                            fq_worker_client_request_handler, &thread, &s_stop, 1))
+                suite.error = "cannot start the serving threads";
     }
 
     static void TearDownTestSuite()
     {
+        // Each serving thread says so as it leaves; the connection goes only after both have.
+        fqtest::StderrCapture cap;
         s_stop = 1;
-        std::this_thread::sleep_for(700ms);  // serving threads look at the flag every 500 ms
-        if (peer)
-            natsConnection_Destroy(peer);
-        fq_connection_deinit(worker_cfg);
-        fq_connection_deinit(client_cfg);
-        fqtest::free_config(&worker_cfg);
-        fqtest::free_config(&client_cfg);
-        delete server;
+        fqtest::wait_until([&] { return cap.count("NATS: handler thread exiting") >= 2; }, 5s);
+        cap.stop();
+        BrokerTest::TearDownTestSuite();
     }
 
-    static std::string job(const std::string& services, size_t len, const std::string& extra = "")
+    static std::string job(const std::string& services, const std::string& extra = "")
     {
-        return "{\"Command\": 101, \"ObjectName\": \"report.txt\", \"ObjectLen\": " + std::to_string(len) +
-               ", \"Services\": \"" + services +
-               "\", \"shmID\": \"0xffffffff\", \"realmID\": \"realm\", \"EventID\": \"ev-1\", \"Hostname\": "
-               "\"client.example\", \"SID\": \"SID\", \"HTMLDETECTION\": \"SAFE\", \"Scan-Servers\": \"all\", "
-               "\"XML_MODE\": \"XML\", \"SVG_MODE\": \"SVG\", \"EVENT_ID_DELIMITER\": \"#\", \"SCANTIMEOUT\": 3000" +
-               extra + "}";
+        return fqtest::worker_job("report.txt", kText.size(), services, extra);
     }
 
     // A client's scan: stage, send the job with the key, remove the staging.
-    static std::optional<std::string> scan(const std::string& job_text, const std::string& bytes,
-                                           int timeout_ms = 8000)
+    static Json scan(const std::string& job_text, int timeout_ms = 8000)
     {
-        char* key = nullptr;
-        char err[1024] = "";
-        if (fq_connection_stage_scan_data(client_cfg, bytes.data(), bytes.size(), 60000, &key, err) != 0 || !key)
-            return std::nullopt;
+        fq_staged_key staged(suite.cfg);
+        if (fq_connection_stage_scan_data(suite.cfg, kText.data(), kText.size(), 60000, &staged.key, nullptr) != 0)
+            return Json();
         std::string with_key = job_text;
-        with_key.insert(with_key.size() - 1, std::string(", \"_kv_key\": \"") + key + "\"");
-        natsMsg* reply = nullptr;
-        std::optional<std::string> text;
-        if (natsConnection_RequestString(&reply, peer, "fq-av-scanproxy", with_key.c_str(), timeout_ms) == NATS_OK)
-            text = std::string(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply)));
-        natsMsg_Destroy(reply);
-        fq_connection_unstage_scan_data(client_cfg, key);
-        free(key);
-        return text;
+        with_key.insert(with_key.size() - 1, std::string(", \"_kv_key\": \"") + staged.key + "\"");
+        return Json(fqtest::request(suite.peer, "fq-av-scanproxy", with_key, timeout_ms).value_or(""));
+    }
+
+    // A request that brings its bytes itself (no key), straight to the dispatcher.
+    static Json handle(const std::string& job_text)
+    {
+        fq_const_message_t request{job_text.c_str(), reinterpret_cast<const unsigned char*>(kText.data()),
+                                   kText.size(), nullptr};
+        fq_message_t out{};
+        fq_const_request_reply_t rr{&request, &out};
+        fq_worker_client_request_handler(&thread, &rr);
+        fq_cstr_ptr text(out.json_txt);
+        return Json(text ? text.get() : "");
     }
 
     static std::unique_ptr<fqtest::Responder> service(const std::string& name, fqtest::Responder::Fn fn)
     {
-        return std::make_unique<fqtest::Responder>(peer, name, std::move(fn));
+        return std::make_unique<fqtest::Responder>(suite.peer, name, std::move(fn));
     }
-
-    // Writes to the bucket of one staging of kText and its removal, measured on its own.
-    static uint64_t one_staging_writes(const std::string& bytes)
+    static std::unique_ptr<fqtest::Responder> clean_service(const std::string& name)
     {
-        const uint64_t before = bucket_last_seq();
-        char* key = nullptr;
-        char err[1024] = "";
-        if (fq_connection_stage_scan_data(client_cfg, bytes.data(), bytes.size(), 60000, &key, err) != 0 || !key)
-            return 0;
-        fq_connection_unstage_scan_data(client_cfg, key);
-        free(key);
-        return bucket_last_seq() - before;
+        return service(name, [](const std::string&) { return service_reply(0, {service_entry("report.txt", 0)}); });
     }
 
+    // Writes to the staging bucket so far.
     static uint64_t bucket_last_seq()
     {
-        jsCtx* js = nullptr;
         jsStreamInfo* si = nullptr;
         uint64_t seq = 0;
-        if (natsConnection_JetStream(&js, peer, nullptr) == NATS_OK &&
-            js_GetStreamInfo(&si, js, "KV_fq-av-scan-data", nullptr, nullptr) == NATS_OK)
+        if (js_GetStreamInfo(&si, static_cast<jsCtx*>(suite.cfg->_js), "KV_fq-av-scan-data", nullptr, nullptr) ==
+            NATS_OK)
             seq = si->State.LastSeq;
         jsStreamInfo_Destroy(si);
-        jsCtx_Destroy(js);
         return seq;
+    }
+    // Writes of one staging of kText and its removal, measured on their own.
+    static uint64_t one_staging_writes()
+    {
+        const uint64_t before = bucket_last_seq();
+        {
+            fq_staged_key staged(suite.cfg);
+            if (fq_connection_stage_scan_data(suite.cfg, kText.data(), kText.size(), 60000, &staged.key, nullptr))
+                return 0;
+        }
+        return bucket_last_seq() - before;
     }
 };
 
-const std::string kText = "hello world";
-
-TEST_F(ScanPipeline, CleanObjectThroughThreeServicesWithMimeMembersPassedOn)
+TEST_F(ScanPipeline, CleanObjectThroughThreeServicesCrossesTheBrokerOnceWithMimeMembersPassedOn)
 {
     auto mime = service("fq-av-mimescan", [](const std::string&) {
-        return s_reply(0, {s_entry("report.txt", 0, "", "text/plain")});
+        return service_reply(0, {service_entry("report.txt", 0, "", "text/plain")});
     });
-    auto engine = service("fq-av-engine", [](const std::string&) { return s_reply(0, {s_entry("report.txt", 0)}); });
-    auto third = service("fq-av-third", [](const std::string&) { return s_reply(0, {s_entry("report.txt", 0)}); });
-    ASSERT_TRUE(mime->ok() && engine->ok() && third->ok());
-
-    const uint64_t staging = one_staging_writes(kText);
+    auto engine = clean_service("fq-av-engine");
+    auto third = clean_service("fq-av-third");
+    const uint64_t staging = one_staging_writes();
     ASSERT_GT(staging, 0u);
     const uint64_t before = bucket_last_seq();
-    auto reply = scan(job("fq-av-mimescan;fq-av-engine;fq-av-third", kText.size()), kText);
-    ASSERT_TRUE(reply.has_value());
-    Parsed r(*reply);
-    EXPECT_EQ(1, r.rc()) << *reply;
-    EXPECT_EQ(1, json_object_get_int(r.get("FilesScanned"))) << *reply;
-
-    // The object crossed the broker once: the client's own staging and removal, nothing by the worker.
+    const Json r = scan(job("fq-av-mimescan;fq-av-engine;fq-av-third"));
+    EXPECT_EQ(r.rc(), 1) << r.text();
+    EXPECT_EQ(r.num("FilesScanned"), 1) << r.text();
+    // The client's own staging and removal, nothing by the worker.
     EXPECT_EQ(staging, bucket_last_seq() - before) << "the worker wrote to the bucket";
 
     ASSERT_EQ(1u, mime->bodies().size());
     ASSERT_EQ(1u, engine->bodies().size());
-    Parsed to_mime(mime->bodies()[0]);
-    Parsed to_engine(engine->bodies()[0]);
-    EXPECT_EQ(nullptr, to_mime.get("MIME-type"));
-    EXPECT_EQ("text/plain", to_engine.text("MIME-type"));
-    EXPECT_EQ("ASCII text", to_engine.text("File-type"));
-    EXPECT_EQ("client.example", to_engine.text("Hostname"));
+    EXPECT_FALSE(Json(mime->bodies()[0]).has("MIME-type"));
+    const Json to_engine(engine->bodies()[0]);
+    EXPECT_EQ("text/plain", to_engine.str("MIME-type"));
+    EXPECT_EQ("ASCII text", to_engine.str("File-type"));
+    EXPECT_EQ("client.example", to_engine.str("Hostname"));
 }
 
-TEST_F(ScanPipeline, FindingEndsTheWalkAndKeepsWhatWasMerged)
+TEST_F(ScanPipeline, VerdictsOfTheServicesReachTheClientAndAFindingEndsTheWalk)
 {
-    auto first = service("fq-av-first", [](const std::string&) { return s_reply(0, {s_entry("report.txt", 0)}); });
-    auto engine = service("fq-av-engine", [](const std::string&) {
-        return s_reply(-210, {s_entry("report.txt", 0), s_entry("report.txt/inner.exe", -210, "Eicar-Test")},
-                       ", \"Blocking-reason\": \"Virus found\"");
-    });
-    auto last = service("fq-av-last", [](const std::string&) { return s_reply(0, {s_entry("report.txt", 0)}); });
-    auto reply = scan(job("fq-av-first;fq-av-engine;fq-av-last", kText.size()), kText);
-    ASSERT_TRUE(reply.has_value());
-    Parsed r(*reply);
-    EXPECT_EQ(-210, r.rc()) << *reply;
-    EXPECT_EQ(0, last->count());
-    EXPECT_EQ(2, json_object_get_int(r.get("FilesScanned"))) << *reply;
-    EXPECT_NE(std::string::npos, r.text("Blocking-reason").find("Eicar-Test")) << *reply;
-}
-
-TEST_F(ScanPipeline, VerdictsOfTheServicesReachTheClient)
-{
-    struct Case {
-        int service_rc;
-        int expected;
-    };
-    for (Case c : {Case{-200, -200}, Case{-202, -202}, Case{-101, -101}, Case{-100, -100}}) {
-        auto svc = service("fq-av-verdict", [&](const std::string&) {
-            return s_reply(c.service_rc, {s_entry("report.txt", c.service_rc, "reason")},
-                           ", \"Blocking-reason\": \"reason\"");
+    for (int code : {-210, -200, -202, -101, -100}) {
+        auto first = clean_service("fq-av-first");
+        auto engine = service("fq-av-verdict", [&](const std::string&) {
+            return service_reply(code, {service_entry("report.txt", 0), service_entry("report.txt/inner.exe", code, "Eicar")},
+                                 ", \"Blocking-reason\": \"Eicar\"");
         });
-        auto reply = scan(job("fq-av-verdict", kText.size()), kText);
-        ASSERT_TRUE(reply.has_value());
-        EXPECT_EQ(c.expected, Parsed(*reply).rc()) << c.service_rc << " " << *reply;
+        auto last = clean_service("fq-av-last");
+        const Json r = scan(job("fq-av-first;fq-av-verdict;fq-av-last"));
+        EXPECT_EQ(code, r.rc()) << r.text();
+        EXPECT_EQ(0, last->count()) << code;
+        EXPECT_EQ(2, r.num("FilesScanned")) << r.text();
+        if (code != -101) {
+            EXPECT_NE(std::string::npos, r.str("Blocking-reason").find("Eicar")) << r.text();
+        }
     }
 }
 
-TEST_F(ScanPipeline, SizeLimitsDecideWithoutAnyService)
+TEST_F(ScanPipeline, SizeLimitsAndDepthDecideWithoutAnyService)
 {
-    auto svc = service("fq-av-sized", [](const std::string&) { return s_reply(0, {s_entry("report.txt", 0)}); });
-    auto large = scan(job("fq-av-sized", kText.size(), ", \"SCAN_MAX_SIZE\": 10"), kText);
-    ASSERT_TRUE(large.has_value());
-    Parsed l(*large);
-    EXPECT_EQ(-200, l.rc()) << *large;
-    EXPECT_EQ("File too large", l.text("Blocking-reason"));
-    auto small = scan(job("fq-av-sized", kText.size(), ", \"SCAN_MIN_SIZE\": 100"), kText);
-    ASSERT_TRUE(small.has_value());
-    EXPECT_EQ(1, Parsed(*small).rc()) << *small;
-    EXPECT_NE(std::string::npos, small->find("application/vnd.fernquill.smallfile"));
-    EXPECT_EQ(0, svc->count());
-    auto deep = scan(job("fq-av-sized", kText.size(), ", \"Recursion\": 21"), kText);
-    ASSERT_TRUE(deep.has_value());
-    EXPECT_EQ(-200, Parsed(*deep).rc()) << *deep;
+    auto svc = clean_service("fq-av-sized");
+    const Json large = scan(job("fq-av-sized", ", \"SCAN_MAX_SIZE\": 10"));
+    EXPECT_EQ(-200, large.rc()) << large.text();
+    EXPECT_EQ("File too large", large.str("Blocking-reason"));
+    const Json small = scan(job("fq-av-sized", ", \"SCAN_MIN_SIZE\": 100"));
+    EXPECT_EQ(1, small.rc()) << small.text();
+    EXPECT_EQ("application/vnd.fernquill.smallfile", small.entry("report.txt").str("MIME-type")) << small.text();
+    EXPECT_EQ(-200, scan(job("fq-av-sized", ", \"Recursion\": 21")).rc());
     EXPECT_EQ(0, svc->count());
 }
 
 TEST_F(ScanPipeline, MissingStagedPayloadIsAnsweredWithoutScanning)
 {
-    auto svc = service("fq-av-never", [](const std::string&) { return s_reply(0, {s_entry("report.txt", 0)}); });
-    std::string forged = job("fq-av-never", kText.size());
+    auto svc = clean_service("fq-av-never");
+    std::string forged = job("fq-av-never");
     forged.insert(forged.size() - 1, ", \"_kv_key\": \"no-such-key-0123456789\"");
-    natsMsg* reply = nullptr;
-    ASSERT_EQ(NATS_OK, natsConnection_RequestString(&reply, peer, "fq-av-scanproxy", forged.c_str(), 5000));
-    Parsed r(std::string(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply))));
-    natsMsg_Destroy(reply);
+    const Json r(fqtest::request(suite.peer, "fq-av-scanproxy", forged, 5000).value_or(""));
     EXPECT_EQ(-1000, r.rc());
-    EXPECT_EQ("Scan data unavailable: staged payload could not be retrieved from the KV store", r.text("Error"));
+    EXPECT_EQ("Scan data unavailable: staged payload could not be retrieved from the KV store", r.str("Error"));
     EXPECT_EQ(0, svc->count());
 }
 
-TEST_F(ScanPipeline, WorkerStagesOnceForAllServicesAndRemovesItsStaging)
+TEST_F(ScanPipeline, WorkerStagesOnceForAllServicesAndRemovesItsStagingOnEveryPath)
 {
     std::vector<std::string> keys;
     std::mutex mu;
-    auto record_key = [&](const std::string& body) {
-        Parsed b(body);
-        std::lock_guard<std::mutex> lock(mu);
-        keys.push_back(b.text("_kv_key"));
-        return std::optional<std::string>(s_reply(0, {s_entry("report.txt", 0)}));
+    auto recording = [&](std::optional<std::string> answer) {
+        return [&, answer](const std::string& body) {
+            std::lock_guard<std::mutex> lock(mu);
+            keys.push_back(Json(body).str("_kv_key"));
+            return answer;
+        };
     };
-    auto a = service("fq-av-a", record_key);
-    auto b = service("fq-av-b", record_key);
-    auto c = service("fq-av-c", record_key);
-    // A request that brings its bytes itself (no key): the driver stages them once.
-    const std::string text = job("fq-av-a;fq-av-b;fq-av-c", kText.size());
-    fq_const_message_t request{text.c_str(), reinterpret_cast<const unsigned char*>(kText.data()), kText.size(),
-                               nullptr};
-    fq_message_t out{};
-    fq_const_request_reply_t rr{&request, &out};
-    const uint64_t staging = one_staging_writes(kText);
-    const uint64_t before = bucket_last_seq();
-    fq_worker_client_request_handler(&thread, &rr);
-    const uint64_t after = bucket_last_seq();
-    ASSERT_NE(nullptr, out.json_txt);
-    EXPECT_EQ(1, Parsed(out.json_txt).rc()) << out.json_txt;
-    free(out.json_txt);
-    ASSERT_EQ(3u, keys.size());
-    EXPECT_FALSE(keys[0].empty());
-    EXPECT_EQ(keys[0], keys[1]);
-    EXPECT_EQ(keys[0], keys[2]);
-    // One staging and its removal, however many services read it.
-    EXPECT_EQ(staging, after - before);
-    unsigned char* data = nullptr;
-    size_t len = 0;
-    EXPECT_NE(0, kvstore_get_chunked(worker_cfg, keys[0].c_str(), &data, &len)) << "staging left behind";
-    free(data);
+    const std::string ok = service_reply(0, {service_entry("report.txt", 0)});
+    auto a = service("fq-av-a", recording(ok));
+    auto b = service("fq-av-b", recording(ok));
+    auto c = service("fq-av-c", recording(ok));
+    auto failing = service("fq-av-fails", recording("{\"ReturnCode\": -1000, \"Error\": \"engine crashed\"}"));
+    const uint64_t staging = one_staging_writes();
 
-    // The same when a service fails half-way: the staging goes all the same.
-    keys.clear();
-    auto failing = service("fq-av-fails", [&](const std::string& body) {
-        Parsed p(body);
-        std::lock_guard<std::mutex> lock(mu);
-        keys.push_back(p.text("_kv_key"));
-        return std::optional<std::string>("{\"ReturnCode\": -1000, \"Error\": \"engine crashed\"}");
-    });
-    const std::string failing_job = job("fq-av-a;fq-av-fails;fq-av-c", kText.size());
-    request.json_txt = failing_job.c_str();
-    fq_message_t out2{};
-    fq_const_request_reply_t rr2{&request, &out2};
-    fq_worker_client_request_handler(&thread, &rr2);
-    ASSERT_NE(nullptr, out2.json_txt);
-    Parsed failed(out2.json_txt);
-    EXPECT_EQ(-1000, failed.rc());
-    EXPECT_NE(std::string::npos, failed.text("Error").find("engine crashed")) << out2.json_txt;
-    free(out2.json_txt);
-    ASSERT_EQ(2u, keys.size());
-    EXPECT_NE(0, kvstore_get_chunked(worker_cfg, keys[1].c_str(), &data, &len)) << "staging left behind";
-    free(data);
+    // All services read one staging, and it is gone afterwards, also when a service fails half-way.
+    for (const char* services : {"fq-av-a;fq-av-b;fq-av-c", "fq-av-a;fq-av-fails;fq-av-c"}) {
+        keys.clear();
+        const uint64_t before = bucket_last_seq();
+        const Json r = handle(job(services));
+        const bool fails = std::string(services).find("fails") != std::string::npos;
+        EXPECT_EQ(fails ? -1000 : 1, r.rc()) << r.text();
+        if (fails) {
+            EXPECT_NE(std::string::npos, r.str("Error").find("engine crashed")) << r.text();
+        }
+        ASSERT_EQ(fails ? 2u : 3u, keys.size());
+        EXPECT_FALSE(keys[0].empty());
+        for (const std::string& k : keys)
+            EXPECT_EQ(keys[0], k);
+        EXPECT_EQ(staging, bucket_last_seq() - before) << services;
+        unsigned char* data = nullptr;
+        size_t len = 0;
+        EXPECT_NE(0, kvstore_get_chunked(suite.cfg, keys[0].c_str(), &data, &len)) << "staging left behind";
+        free(data);
+    }
 }
 
 // Every kind of service failure the tests can produce, on every position of a chain of three:
@@ -345,19 +231,20 @@ TEST_F(ScanPipeline, WorkerStagesOnceForAllServicesAndRemovesItsStaging)
 TEST_F(ScanPipeline, NoServiceFailureAnywhereInTheChainGivesClean)
 {
     using Fn = fqtest::Responder::Fn;
+    auto answer = [](const std::string& text) -> Fn {
+        return [text](const std::string&) { return std::optional<std::string>(text); };
+    };
     const std::vector<std::pair<std::string, Fn>> failures = {
         {"no reply (nobody serves it)", nullptr},
         {"time-out", [](const std::string&) -> std::optional<std::string> { return std::nullopt; }},
-        {"not JSON", [](const std::string&) { return std::optional<std::string>("<html>oops</html>"); }},
-        {"-1000 without Error", [](const std::string&) { return std::optional<std::string>("{\"ReturnCode\": -1000}"); }},
-        {"ReturnCode 1", [](const std::string&) { return std::optional<std::string>(s_reply(1, {s_entry("report.txt", 0)})); }},
-        {"no ReturnCode", [](const std::string&) { return std::optional<std::string>("{\"FilesScanned\": 0, \"Results\": []}"); }},
-        {"FilesScanned beyond Results",
-         [](const std::string&) { return std::optional<std::string>("{\"ReturnCode\": 0, \"FilesScanned\": 99999999, \"Results\": [5]}"); }},
-        {"unknown code", [](const std::string&) { return std::optional<std::string>(s_reply(-3, {s_entry("report.txt", -3)})); }},
-        {"empty body", [](const std::string&) { return std::optional<std::string>(""); }},
+        {"not JSON", answer("<html>oops</html>")},
+        {"-1000 without Error", answer("{\"ReturnCode\": -1000}")},
+        {"ReturnCode 1", answer(service_reply(1, {service_entry("report.txt", 0)}))},
+        {"no ReturnCode", answer("{\"FilesScanned\": 0, \"Results\": []}")},
+        {"FilesScanned beyond Results", answer("{\"ReturnCode\": 0, \"FilesScanned\": 99999999, \"Results\": [5]}")},
+        {"unknown code", answer(service_reply(-3, {service_entry("report.txt", -3)}))},
+        {"empty body", answer("")},
     };
-    auto ok = [](const std::string&) { return std::optional<std::string>(s_reply(0, {s_entry("report.txt", 0)})); };
     for (const auto& [what, fn] : failures) {
         for (int position = 0; position < 3; ++position) {
             std::vector<std::unique_ptr<fqtest::Responder>> chain;
@@ -366,16 +253,13 @@ TEST_F(ScanPipeline, NoServiceFailureAnywhereInTheChainGivesClean)
                 const std::string name = "fq-av-chain" + std::to_string(i);
                 services += (i ? ";" : "") + name;
                 if (i != position)
-                    chain.push_back(service(name, ok));
+                    chain.push_back(clean_service(name));
                 else if (fn)
                     chain.push_back(service(name, fn));
             }
-            auto reply = scan(job(services, kText.size(), ", \"SCANTIMEOUT\": 600"), kText);
-            ASSERT_TRUE(reply.has_value()) << what << " at " << position;
-            Parsed r(*reply);
-            EXPECT_NE(1, r.rc()) << what << " at " << position << ": " << *reply;
-            EXPECT_EQ(-1000, r.rc()) << what << " at " << position << ": " << *reply;
-            EXPECT_FALSE(r.text("Error").empty()) << what << " at " << position << ": " << *reply;
+            const Json r = scan(job(services, ", \"SCANTIMEOUT\": 600"));
+            EXPECT_EQ(-1000, r.rc()) << what << " at " << position << ": " << r.text();
+            EXPECT_FALSE(r.str("Error").empty()) << what << " at " << position << ": " << r.text();
         }
     }
 }
@@ -384,14 +268,12 @@ TEST_F(ScanPipeline, ServiceUsingUpTheTimeBudgetEndsTheWalk)
 {
     auto slow = service("fq-av-slow", [](const std::string&) {
         std::this_thread::sleep_for(400ms);
-        return std::optional<std::string>(s_reply(0, {s_entry("report.txt", 0, "", "text/plain")}));
+        return std::optional<std::string>(service_reply(0, {service_entry("report.txt", 0, "", "text/plain")}));
     });
-    auto next = service("fq-av-next", [](const std::string&) { return s_reply(0, {s_entry("report.txt", 0)}); });
-    auto reply = scan(job("fq-av-slow;fq-av-next", kText.size(), ", \"SCANTIMEOUT\": 300"), kText);
-    ASSERT_TRUE(reply.has_value());
-    Parsed r(*reply);
-    EXPECT_EQ(-1000, r.rc()) << *reply;
-    EXPECT_FALSE(r.text("Error").empty()) << *reply;
+    auto next = clean_service("fq-av-next");
+    const Json r = scan(job("fq-av-slow;fq-av-next", ", \"SCANTIMEOUT\": 300"));
+    EXPECT_EQ(-1000, r.rc()) << r.text();
+    EXPECT_FALSE(r.str("Error").empty()) << r.text();
     EXPECT_EQ(0, next->count());
 }
 

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/stat.h>
 
+#include <filesystem>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -35,16 +35,7 @@ std::vector<Started> s_started(const std::string& out)
     return v;
 }
 
-bool s_has_line(const std::string& out, const std::string& pattern)
-{
-    const std::regex re(pattern);
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);)
-        if (std::regex_match(line, re))
-            return true;
-    return false;
-}
-
+// The first group of the first line that matches pattern whole; "" when none does.
 std::string s_match(const std::string& out, const std::string& pattern)
 {
     const std::regex re(pattern);
@@ -57,10 +48,9 @@ std::string s_match(const std::string& out, const std::string& pattern)
     return "";
 }
 
-bool s_exists(const std::string& path)
+bool s_has_line(const std::string& out, const std::string& pattern)
 {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
+    return !s_match(out, "(" + pattern + ")").empty();
 }
 
 class Demo : public ::testing::Test {
@@ -98,7 +88,7 @@ TEST_F(Demo, ScansTheSamplesAndStopsWhatItStarted)
 {
     for (const char* p : {"fq-av-worker-control", "fq-av-mimescan", "fq-av-clamav", "fq-av-log",
                           "fq-av-events-dispatch", "fq-av-quarantine"})
-        ASSERT_TRUE(s_exists(std::string(FQ_BUILD_DIR "/") + p)) << p << " is not built";
+        ASSERT_TRUE(std::filesystem::exists(std::string(FQ_BUILD_DIR "/") + p)) << p << " is not built";
     auto demo = start({});
     std::string out;
     const int status = finish(demo, &out);
@@ -126,7 +116,7 @@ TEST_F(Demo, ScansTheSamplesAndStopsWhatItStarted)
     expect_all_gone(started);
     const std::string work = s_match(out, "demo: scanning (.*)/samples");
     ASSERT_FALSE(work.empty()) << out;
-    EXPECT_FALSE(s_exists(work)) << work << " was left behind";
+    EXPECT_FALSE(std::filesystem::exists(work)) << work << " was left behind";
 }
 
 TEST_F(Demo, KeepRunningLeavesItUpUntilStopped)
@@ -151,7 +141,7 @@ TEST_F(Demo, KeepRunningLeavesItUpUntilStopped)
     std::string stop_out;
     EXPECT_EQ(0, finish(stop, &stop_out)) << stop_out << fqtest::read_file(stop.stderr_path);
     expect_all_gone(started);
-    EXPECT_FALSE(s_exists(work));
+    EXPECT_FALSE(std::filesystem::exists(work));
 }
 
 TEST_F(Demo, InterruptedStopsWhatItStarted)

@@ -103,7 +103,7 @@ TEST(HostileJobs, NeverSteerTheConnectionAndTheWorkerScansOnAfterwards)
     EXPECT_TRUE(tap.matching("forged").empty());
     EXPECT_FALSE(env.registry_get("forged-worker").has_value());
     EXPECT_FALSE(env.trace_has("connection lost"));
-    const std::string server_log = env.server.log_text();
+    const std::string server_log = fqtest::read_file(env.server.log_path());
     EXPECT_EQ(std::string::npos, server_log.find("maximum control line exceeded"));
     EXPECT_EQ(std::string::npos, server_log.find("Unknown Protocol Operation"));
 

@@ -36,44 +36,30 @@ TEST_F(WorkerProcess, StopSignalsEndItInOrderWithStatusZero)
 {
     for (int sig : {SIGTERM, SIGINT, SIGQUIT}) {
         unlink(env.trace.c_str());
-        auto child = env.spawn_worker({"--console-mode", "--worker-threads", "2"});
+        // An option the worker does not know only costs a warning.
+        auto child = env.spawn_worker({"--console-mode", "--worker-threads", "3", "--no-such-option"});
         ASSERT_TRUE(env.wait_ready()) << read_file(child.stderr_path);
+        EXPECT_EQ(std::string("fernquill Anti-Virus 4.0.5 Build 140\r\nfq-av-scanproxy v.2.1\n "),
+                  read_file(env.basedir + "/fq-av-scanproxy/.running_version"));
         kill(child.pid, sig);
         int status = -1;
         ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status)) << "signal " << sig;
         EXPECT_EQ(0, status) << "signal " << sig;
-        expect_in_order(env.trace_text(), {"fq-av-scanproxy starting", "Version 4.0.5 Build 140",
-                                           "Signal received. Exiting gracefully...", "Shutdown complete",
-                                           "Ending worker with rc=0"});
+        EXPECT_NE(std::string::npos, read_file(child.stderr_path)
+                                         .find("Ignoring unrecognized command-line option (see stderr for its name)"));
+        const std::string text = env.trace_text();
+        expect_in_order(text, {std::string(84, '*'), "fq-av-scanproxy starting", " Version 4.0.5 Build 140",
+                               std::string(84, '*'), "CL [1]: '--basedir'", "CL [9]: '--console-mode'",
+                               "CL [10]: '--worker-threads'", "CL [11]: '3'",
+                               "Signal received. Exiting gracefully...", "Shutdown complete",
+                               "Ending worker with rc=0"});
+        // The file line format: no escape sequences, the source position at level TRACE.
+        EXPECT_EQ(std::string::npos, text.find('\x1b'));
+        EXPECT_TRUE(std::regex_search(
+            text, std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3,4}\] INFO  PID: +)" + std::to_string(child.pid) +
+                             R"( TID: +\d+ \S*fq-av-scanproxy:\w+\(\): Shutdown complete \(fq_worker\.cpp:\d+\))")))
+            << text;
     }
-}
-
-TEST_F(WorkerProcess, TraceCarriesBannerAndArguments)
-{
-    auto child = env.spawn_worker({"--console-mode", "--worker-threads", "3"});
-    ASSERT_TRUE(env.wait_ready());
-    kill(child.pid, SIGTERM);
-    int status = -1;
-    ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status));
-    const std::string text = env.trace_text();
-    expect_in_order(text, {std::string(84, '*'), " starting", " Version 4.0.5 Build 140", std::string(84, '*'),
-                           "CL [1]: '--basedir'", "CL [9]: '--console-mode'", "CL [10]: '--worker-threads'",
-                           "CL [11]: '3'"});
-    // The file line format: no escape sequences, the source position at level TRACE.
-    EXPECT_EQ(std::string::npos, text.find('\x1b'));
-    EXPECT_TRUE(std::regex_search(text, std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3,4}\] INFO  PID: +)" +
-                                                   std::to_string(child.pid) +
-                                                   R"( TID: +\d+ \S*fq-av-scanproxy:\w+\(\): Shutdown complete \(fq_worker\.cpp:\d+\))")))
-        << text;
-}
-
-TEST_F(WorkerProcess, WritesRunningVersion)
-{
-    auto child = env.spawn_worker({"--console-mode", "--worker-threads", "1"});
-    ASSERT_TRUE(env.wait_ready());
-    EXPECT_EQ(std::string("fernquill Anti-Virus 4.0.5 Build 140\r\nfq-av-scanproxy v.2.1\n "),
-              read_file(env.basedir + "/fq-av-scanproxy/.running_version"));
-    fqtest::stop_process(child.pid);
 }
 
 TEST_F(WorkerProcess, WithoutConsoleModeTheShellGetsZeroAtOnce)
@@ -118,18 +104,6 @@ TEST_F(WorkerProcess, BadCommandLinesExitWith255)
         EXPECT_NE(std::string::npos, err.find(c.stderr_text)) << err;
         EXPECT_NE(std::string::npos, err.find("Failed to parse command line parameters\r\n")) << err;
     }
-}
-
-TEST_F(WorkerProcess, UnknownOptionOnlyWarns)
-{
-    auto child = env.spawn_worker({"--console-mode", "--worker-threads", "1", "--no-such-option"});
-    ASSERT_TRUE(env.wait_ready()) << read_file(child.stderr_path);
-    EXPECT_NE(std::string::npos,
-              read_file(child.stderr_path).find("Ignoring unrecognized command-line option (see stderr for its name)"));
-    kill(child.pid, SIGTERM);
-    int status = -1;
-    ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status));
-    EXPECT_EQ(0, status);
 }
 
 }  // namespace

@@ -2,24 +2,15 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <thread>
-#include <vector>
-
 
 namespace fqtest {
 
@@ -28,73 +19,12 @@ namespace {
 constexpr auto s_start_limit = std::chrono::milliseconds(15000);
 constexpr auto s_stop_limit = std::chrono::milliseconds(5000);
 
-std::string s_read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-// Starts a program with stdout and stderr appended to log. Everything the child needs is
-// prepared before the fork: the test process has other threads.
-pid_t s_spawn(const std::vector<std::string>& argv, const std::string& log)
-{
-    std::vector<char*> args;
-    for (const auto& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-        }
-        if (in >= 0)
-            dup2(in, 0);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    if (fd >= 0)
-        close(fd);
-    if (in >= 0)
-        close(in);
-    return pid;
-}
-
-// Runs a program to its end with output into log; true when it exits with 0.
+// Runs a program to its end with its output appended to log; true when it exits with 0.
 bool s_run(const std::vector<std::string>& argv, const std::string& log)
 {
-    const pid_t pid = s_spawn(argv, log);
-    if (pid < 0)
-        return false;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-// True once the server on port has greeted a TCP client with its INFO line.
-bool s_server_greets(int port)
-{
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return false;
-    struct timeval tv = {0, 200000};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    struct sockaddr_in addr {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons((uint16_t)port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool ok = false;
-    if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0) {
-        char buf[4] = {0};
-        ok = recv(fd, buf, sizeof(buf), MSG_WAITALL) == 4 && memcmp(buf, "INFO", 4) == 0;
-    }
-    close(fd);
-    return ok;
+    const pid_t pid = spawn_to(argv, log, log);
+    int status = -1;
+    return pid > 0 && wait_exit(pid, std::chrono::milliseconds(60000), &status) && status == 0;
 }
 
 char* s_dup(const std::string& s)
@@ -103,41 +33,6 @@ char* s_dup(const std::string& s)
 }
 
 }  // namespace
-
-bool wait_for(const std::function<bool()>& cond, std::chrono::milliseconds limit)
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        if (cond())
-            return true;
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-}
-
-int run_program(const std::vector<std::string>& argv, std::string* output, std::chrono::milliseconds limit)
-{
-    char tmpl[] = "/tmp/fq-run.XXXXXX";
-    const int fd = mkstemp(tmpl);
-    if (fd < 0)
-        return -1;
-    close(fd);
-    const std::string log = tmpl;
-    const pid_t pid = s_spawn(argv, log);
-    int status = 0;
-    bool done = pid > 0 && wait_for([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limit);
-    if (pid > 0 && !done) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-    }
-    if (output)
-        *output = s_read_file(log);
-    unlink(log.c_str());
-    if (!done || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
-}
 
 int free_tcp_port()
 {
@@ -157,6 +52,26 @@ int free_tcp_port()
     return port;
 }
 
+bool server_greets(int port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return false;
+    struct timeval tv = {0, 200000};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    struct sockaddr_in addr {};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons((uint16_t)port);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool ok = false;
+    if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0) {
+        char buf[4] = {0};
+        ok = recv(fd, buf, sizeof(buf), MSG_WAITALL) == 4 && memcmp(buf, "INFO", 4) == 0;
+    }
+    close(fd);
+    return ok;
+}
+
 bool make_test_pki(const std::string& dir, std::string* error)
 {
     const std::string log = dir + "/openssl.log";
@@ -168,13 +83,10 @@ bool make_test_pki(const std::string& dir, std::string* error)
                            "-subj", "/CN=" + cn});
         return s_run(a, log);
     };
-    {
-        std::ofstream ext(dir + "/server-ext.cnf");
-        ext << "subjectAltName=DNS:localhost,IP:127.0.0.1\n"
-               "basicConstraints=CA:FALSE\n"
-               "keyUsage=digitalSignature,keyEncipherment\n"
-               "extendedKeyUsage=serverAuth\n";
-    }
+    write_file(dir + "/server-ext.cnf", "subjectAltName=DNS:localhost,IP:127.0.0.1\n"
+                                        "basicConstraints=CA:FALSE\n"
+                                        "keyUsage=digitalSignature,keyEncipherment\n"
+                                        "extendedKeyUsage=serverAuth\n");
     std::vector<std::string> csr = {"openssl", "req", "-new"};
     csr.insert(csr.end(), ec.begin(), ec.end());
     csr.insert(csr.end(), {"-keyout", dir + "/server-key.pem", "-out", dir + "/server.csr", "-subj", "/CN=localhost"});
@@ -184,7 +96,7 @@ bool make_test_pki(const std::string& dir, std::string* error)
                            "-extfile", dir + "/server-ext.cnf"},
                           log);
     if (!ok && error)
-        *error = "openssl failed: " + s_read_file(log);
+        *error = "openssl failed: " + read_file(log);
     return ok;
 }
 
@@ -194,6 +106,8 @@ NatsServer::NatsServer(NatsServerOptions opts) : opts_(std::move(opts))
     if (mkdtemp(tmpl))
         dir_ = tmpl;
     port_ = opts_.port > 0 ? opts_.port : free_tcp_port();
+    if (opts_.monitor)
+        monitor_port_ = free_tcp_port();
 }
 
 NatsServer::~NatsServer()
@@ -210,11 +124,6 @@ std::string NatsServer::url(const std::string& host) const
     return std::string(opts_.tls ? "tls://" : "nats://") + host + ":" + std::to_string(port_);
 }
 
-std::string NatsServer::log_text() const
-{
-    return s_read_file(dir_ + "/server.log");
-}
-
 bool NatsServer::start(std::string* error)
 {
     auto fail = [&](const std::string& why) {
@@ -224,7 +133,7 @@ bool NatsServer::start(std::string* error)
     };
     if (running())
         return true;
-    if (dir_.empty() || port_ <= 0)
+    if (dir_.empty() || port_ <= 0 || (opts_.monitor && (monitor_port_ <= 0 || monitor_port_ == port_)))
         return fail("no temporary directory or no free port");
     if (opts_.tls && !std::filesystem::exists(dir_ + "/server.pem")) {
         std::string why;
@@ -232,38 +141,39 @@ bool NatsServer::start(std::string* error)
             return fail(why);
     }
 
+    // Every listener, the monitoring one too, takes the host of -a and stays on loopback.
     std::vector<std::string> argv = {"nats-server", "-a", "127.0.0.1", "-p", std::to_string(port_)};
+    if (opts_.monitor)
+        argv.insert(argv.end(), {"-m", std::to_string(monitor_port_)});
     if (opts_.jetstream)
         argv.insert(argv.end(), {"-js", "-sd", dir_ + "/store"});
     if (!opts_.user.empty())
         argv.insert(argv.end(), {"--user", opts_.user, "--pass", opts_.password});
     if (opts_.tls)
         argv.insert(argv.end(), {"--tls", "--tlscert", dir_ + "/server.pem", "--tlskey", dir_ + "/server-key.pem"});
-    const std::string log = dir_ + "/server.log";
 
-    const pid_t pid = s_spawn(argv, log);
+    const pid_t pid = spawn_to(argv, log_path(), log_path());
     if (pid < 0)
         return fail(std::string("fork: ") + strerror(errno));
     pid_ = pid;
 
     bool exited = false;
-    const bool up = wait_for(
+    const bool up = wait_until(
         [&] {
-            int status = 0;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
                 exited = true;
                 return true;
             }
-            return s_server_greets(port_);
+            return server_greets(port_);
         },
         s_start_limit);
     if (exited) {
         pid_ = -1;
-        return fail("nats-server exited at start: " + log_text());
+        return fail("nats-server exited at start: " + read_file(log_path()));
     }
     if (!up) {
         stop();
-        return fail("nats-server did not answer on port " + std::to_string(port_) + ": " + log_text());
+        return fail("nats-server did not answer on port " + std::to_string(port_) + ": " + read_file(log_path()));
     }
     return true;
 }
@@ -272,13 +182,7 @@ void NatsServer::stop()
 {
     if (pid_ <= 0)
         return;
-    kill(pid_, SIGTERM);
-    const bool gone = wait_for([&] { return waitpid(pid_, nullptr, WNOHANG) == pid_; }, s_stop_limit);
-    if (!gone) {
-        kill(pid_, SIGKILL);
-        while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-        }
-    }
+    stop_process(pid_, s_stop_limit);
     pid_ = -1;
 }
 
@@ -345,10 +249,11 @@ fq_connection_config* NatsServer::make_config() const
     return cfg;
 }
 
-void BrokerSuite::start()
+void BrokerSuite::start(const fq_provision_opts_t* opts)
 {
     server = new NatsServer();
-    if (!server->start(&error) || !server->provision(nullptr, nullptr, &error))
+    dir = new TempDir();
+    if (!server->start(&error) || !server->provision(opts, nullptr, &error))
         return;
     cfg = server->make_config();
     if (fq_connection_init(cfg) != 0) {
@@ -358,17 +263,69 @@ void BrokerSuite::start()
     peer = server->connect_peer(&error);
 }
 
+void BrokerSuite::start_program(const std::string& name, const std::vector<std::string>& args,
+                                const std::string& subject)
+{
+    if (!error.empty())
+        return;
+    std::vector<std::string> argv = {build_program(name), "--broker", server->url()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    program = spawn(argv, dir->path());
+    if (!answers_ping(peer, subject))
+        error = name + " does not answer on " + subject + ": " + read_file(program.stderr_path);
+}
+
 void BrokerSuite::stop()
 {
+    if (program.pid > 0)
+        stop_process(program.pid);
+    program = Child{};
     if (peer) {
         natsConnection_Close(peer);
         natsConnection_Destroy(peer);
         peer = nullptr;
     }
-    fq_connection_deinit(cfg);
-    free_config(&cfg);
+    close_config(cfg);
+    cfg = nullptr;
+    delete dir;
+    dir = nullptr;
     delete server;
     server = nullptr;
+}
+
+json_object* BrokerSuite::send(const std::string& subject, const std::string& job, const std::string& bytes,
+                               uint64_t timeout_ms) const
+{
+    fq_const_message_t request{job.c_str(), reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
+                               nullptr};
+    fq_message_t reply{};
+    fq_const_request_reply_t rr{&request, &reply};
+    return fq_connection_send_recv_json_data(cfg, subject.c_str(), &rr, timeout_ms, 0, 0, nullptr);
+}
+
+std::string build_program(const std::string& name)
+{
+    return std::string(FQ_BUILD_DIR) + "/" + name;
+}
+
+std::optional<std::string> request(natsConnection* nc, const std::string& subject, const std::string& body,
+                                   int timeout_ms, natsStatus* status)
+{
+    natsMsg* reply = nullptr;
+    const natsStatus s =
+        natsConnection_Request(&reply, nc, subject.c_str(), body.data(), (int)body.size(), timeout_ms);
+    if (status)
+        *status = s;
+    std::optional<std::string> text;
+    if (s == NATS_OK && reply)
+        text = std::string(natsMsg_GetData(reply), (size_t)natsMsg_GetDataLength(reply));
+    natsMsg_Destroy(reply);
+    return text;
+}
+
+bool answers_ping(natsConnection* nc, const std::string& subject, std::chrono::milliseconds limit)
+{
+    return wait_until([&] { return request(nc, subject, "{\"Command\": 3}", 200).has_value(); }, limit);
 }
 
 void free_config(fq_connection_config** cfg)
@@ -383,6 +340,12 @@ void free_config(fq_connection_config** cfg)
         free(*field);
     free(c);
     *cfg = nullptr;
+}
+
+void close_config(fq_connection_config* cfg)
+{
+    fq_connection_deinit(cfg);
+    free_config(&cfg);
 }
 
 Responder::Responder(natsConnection* nc, const std::string& subject, Fn fn) : nc_(nc), fn_(std::move(fn))
@@ -427,6 +390,5 @@ std::vector<std::string> Responder::bodies() const
     std::lock_guard<std::mutex> lock(mu_);
     return bodies_;
 }
-
 
 }  // namespace fqtest

@@ -1,5 +1,5 @@
-// A real nats-server for tests: started on a free loopback port with its own store,
-// stopped by its PID, optionally with TLS or user/password; plus helpers for peers.
+// A real nats-server for tests: started on a free loopback port with its own store, stopped by
+// its PID, optionally with TLS, user/password or a monitoring port; plus helpers for peers.
 #pragma once
 
 #include <nats/nats.h>
@@ -15,6 +15,8 @@
 
 #include "fq_connection_client.h"
 #include "fq_provision.h"
+#include "fq_raii.h"
+#include "process_util.h"
 #include "stderr_capture.h"
 
 namespace fqtest {
@@ -25,6 +27,7 @@ struct NatsServerOptions {
     std::string password;
     int port = 0;          // 0 picks a free port
     bool jetstream = true;
+    bool monitor = false;  // an HTTP monitoring port on loopback (see monitor_port())
 };
 
 class NatsServer {
@@ -43,13 +46,14 @@ public:
 
     pid_t pid() const { return pid_; }
     int port() const { return port_; }
+    int monitor_port() const { return monitor_port_; }
     const std::string& dir() const { return dir_; }
     // nats://127.0.0.1:<port>, or tls://<host>:<port> for a TLS server.
     std::string url(const std::string& host = "127.0.0.1") const;
     // CA that signed the server's certificate (TLS only), and one that did not.
     std::string ca_file() const { return dir_ + "/ca.pem"; }
     std::string other_ca_file() const { return dir_ + "/other-ca.pem"; }
-    std::string log_text() const;
+    std::string log_path() const { return dir_ + "/server.log"; }
 
     // Buckets and, for the comma-separated services, work queues, made by the provisioning code.
     bool provision(const fq_provision_opts_t* opts = nullptr, const char* services = nullptr,
@@ -63,6 +67,7 @@ private:
     NatsServerOptions opts_;
     std::string dir_;
     int port_ = 0;
+    int monitor_port_ = 0;
     pid_t pid_ = -1;
 };
 
@@ -90,34 +95,51 @@ private:
     std::vector<std::string> bodies_;
 };
 
-// What a suite of broker tests shares: a provisioned server, a connection record initialised
-// for it and a plain peer connection. error is empty when all three are up.
+// What a suite of broker tests shares: a provisioned server, a connection record initialised for
+// it, a plain peer connection and, when started, one real program of this build serving on it.
+// error is empty while all of it is up.
 struct BrokerSuite {
     NatsServer* server = nullptr;
     fq_connection_config* cfg = nullptr;
     natsConnection* peer = nullptr;
+    TempDir* dir = nullptr;
+    Child program;
     std::string error;
 
-    void start();
+    // opts: the buckets' settings, null for the defaults.
+    void start(const fq_provision_opts_t* opts = nullptr);
+    // Starts build/<name> --broker <url> args... and waits until subject answers a ping.
+    void start_program(const std::string& name, const std::vector<std::string>& args, const std::string& subject);
     void stop();
+    // A request to a service with the object's bytes staged beside it, as the worker sends it:
+    // the parsed reply (owned by the caller), or null.
+    json_object* send(const std::string& subject, const std::string& job, const std::string& bytes,
+                      uint64_t timeout_ms = 20000) const;
 };
+
+// A program of this build.
+std::string build_program(const std::string& name);
+
+// A core request on a plain connection: the reply body, or nullopt (time-out, no responders);
+// the status in *status when given.
+std::optional<std::string> request(natsConnection* nc, const std::string& subject, const std::string& body,
+                                   int timeout_ms = 2000, natsStatus* status = nullptr);
+// true once subject answers a ping within limit.
+bool answers_ping(natsConnection* nc, const std::string& subject,
+                  std::chrono::milliseconds limit = std::chrono::milliseconds(20000));
 
 // Frees a record from make_config with the texts it owns; the connection must be closed.
 void free_config(fq_connection_config** cfg);
+// Closes the record's connection, then frees it like free_config.
+void close_config(fq_connection_config* cfg);
+using ConfigPtr = std::unique_ptr<fq_connection_config, fq::fn_deleter<close_config>>;
 
 // A TCP port on 127.0.0.1 that nothing listens on right now.
 int free_tcp_port();
-
-// Runs a program to its end (bounded; killed after limit) with stdout and stderr together in
-// *output; its exit status, or -1 if it could not run or had to be killed.
-int run_program(const std::vector<std::string>& argv, std::string* output,
-                std::chrono::milliseconds limit = std::chrono::milliseconds(30000));
-
-// Polls cond until it holds or limit has passed.
-bool wait_for(const std::function<bool()>& cond, std::chrono::milliseconds limit);
+// True once something on the loopback port greets a TCP client with "INFO", as nats-server does.
+bool server_greets(int port);
 
 // Creates ca.pem, server.pem / server-key.pem (for localhost and 127.0.0.1) and other-ca.pem in dir.
 bool make_test_pki(const std::string& dir, std::string* error);
-
 
 }  // namespace fqtest

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <string.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +32,44 @@ TempDir::~TempDir()
     std::filesystem::remove_all(path_, ec);
 }
 
+pid_t spawn_to(const std::vector<std::string>& argv, const std::string& out, const std::string& err,
+               const std::vector<std::string>& extra_env)
+{
+    // Everything the child needs is made before the fork: the test process has other threads.
+    std::vector<char*> args;
+    for (const auto& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e)
+        env.emplace_back(*e);
+    env.insert(env.end(), extra_env.begin(), extra_env.end());
+    std::vector<char*> envp;
+    for (auto& e : env)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+    const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+    const int out_fd = open(out.c_str(), flags, 0644);
+    const int err_fd = err == out ? out_fd : open(err.c_str(), flags, 0644);
+    const int in_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent || out_fd < 0 || err_fd < 0 || in_fd < 0)
+            _exit(127);
+        dup2(in_fd, 0);
+        dup2(out_fd, 1);
+        dup2(err_fd, 2);
+        execvpe(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+    for (int fd : {out_fd, err == out ? -1 : err_fd, in_fd})
+        if (fd >= 0)
+            close(fd);
+    return pid;
+}
+
 Child spawn(const std::vector<std::string>& argv, const std::string& dir, const std::vector<std::string>& extra_env)
 {
     static int counter = 0;
@@ -39,38 +77,26 @@ Child spawn(const std::vector<std::string>& argv, const std::string& dir, const 
     Child c;
     c.stdout_path = dir + "/stdout." + std::to_string(counter);
     c.stderr_path = dir + "/stderr." + std::to_string(counter);
-
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e)
-        env.emplace_back(*e);
-    for (const auto& e : extra_env)
-        env.push_back(e);
-
-    pid_t pid = fork();
-    if (pid < 0)
+    c.pid = spawn_to(argv, c.stdout_path, c.stderr_path, extra_env);
+    if (c.pid < 0)
         throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        int out = open(c.stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = open(c.stderr_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int in = open("/dev/null", O_RDONLY);
-        if (out < 0 || err < 0 || in < 0)
-            _exit(127);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        std::vector<char*> args;
-        for (const auto& a : argv)
-            args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        std::vector<char*> envp;
-        for (const auto& e : env)
-            envp.push_back(const_cast<char*>(e.c_str()));
-        envp.push_back(nullptr);
-        execve(args[0], args.data(), envp.data());
-        _exit(127);
-    }
-    c.pid = pid;
     return c;
+}
+
+int run_program(const std::vector<std::string>& argv, std::string* output, std::chrono::milliseconds limit)
+{
+    TempDir dir;
+    const std::string log = dir / "output";
+    const pid_t pid = spawn_to(argv, log, log);
+    int st = 0;
+    const bool done = pid > 0 && wait_until([&] { return waitpid(pid, &st, WNOHANG) == pid; }, limit);
+    if (pid > 0 && !done) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &st, 0);
+    }
+    if (output)
+        *output = read_file(log);
+    return done && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 
 bool wait_exit(pid_t pid, std::chrono::milliseconds limit, int* status)
@@ -141,7 +167,7 @@ bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds lim
             return true;
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
 }
 

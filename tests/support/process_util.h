@@ -1,4 +1,4 @@
-// Starting, watching and stopping the real programs in tests.
+// Starting, watching and stopping the real programs in tests, and the files around them.
 #pragma once
 
 #include <sys/types.h>
@@ -30,12 +30,22 @@ struct Child {
     std::string stderr_path;
 };
 
-// Starts argv[0] with the given arguments; stdout and stderr go to files in dir.
-// extra_env entries are "NAME=value" added to the test's environment.
+// Starts argv (argv[0] looked up in PATH) with stdout appended to out and stderr to err (they may
+// be the same file); extra_env entries are "NAME=value" added to this process's environment. The
+// child gets SIGTERM should the starting thread die first, so a crashed test leaves nothing
+// running. The PID, or -1.
+pid_t spawn_to(const std::vector<std::string>& argv, const std::string& out, const std::string& err,
+               const std::vector<std::string>& extra_env = {});
+// The same with stdout and stderr in files of their own in dir.
 Child spawn(const std::vector<std::string>& argv, const std::string& dir,
             const std::vector<std::string>& extra_env = {});
 
-// Waits for the child to end; true with its exit status (or 128+signal) in *status.
+// Runs a program to its end (killed after limit) with stdout and stderr together in *output; its
+// exit status, or -1 if it could not run or had to be killed.
+int run_program(const std::vector<std::string>& argv, std::string* output,
+                std::chrono::milliseconds limit = std::chrono::milliseconds(30000));
+
+// Waits for a child to end; true with its exit status (or 128+signal) in *status.
 bool wait_exit(pid_t pid, std::chrono::milliseconds limit, int* status);
 
 // Ends a process this test started: SIGTERM, then SIGKILL after the limit.

@@ -79,12 +79,35 @@ bool WorkerEnv::wait_ready(std::chrono::milliseconds limit) const
 std::optional<std::string> WorkerEnv::request(const std::string& subject, const std::string& body,
                                               int timeout_ms) const
 {
-    natsMsg* reply = nullptr;
-    if (natsConnection_RequestString(&reply, peer, subject.c_str(), body.c_str(), timeout_ms) != NATS_OK)
-        return std::nullopt;
-    std::string text(natsMsg_GetData(reply), static_cast<size_t>(natsMsg_GetDataLength(reply)));
-    natsMsg_Destroy(reply);
-    return text;
+    return fqtest::request(peer, subject, body, timeout_ms);
+}
+
+std::string worker_job(const std::string& name, size_t len, const std::string& services, const std::string& extra)
+{
+    return "{\"Command\": 101, \"ObjectName\": \"" + name + "\", \"ObjectLen\": " + std::to_string(len) +
+           ", \"Services\": \"" + services +
+           "\", \"shmID\": \"0xffffffff\", \"realmID\": \"realm\", \"EventID\": \"ev-1\", \"Hostname\": "
+           "\"client.example\", \"SID\": \"SID\", \"HTMLDETECTION\": \"SAFE\", \"Scan-Servers\": \"all\", "
+           "\"XML_MODE\": \"XML\", \"SVG_MODE\": \"SVG\", \"EVENT_ID_DELIMITER\": \"#\", \"SCANTIMEOUT\": 5000" +
+           extra + "}";
+}
+
+std::optional<std::string> WorkerEnv::scan(const std::string& job, const std::string& bytes, int timeout_ms) const
+{
+    fq_connection_config* client = server.make_config();
+    std::optional<std::string> reply;
+    char* key = nullptr;
+    if (fq_connection_init(client) == 0 &&
+        fq_connection_stage_scan_data(client, bytes.data(), bytes.size(), 60000, &key, nullptr) == 0) {
+        std::string with_key = job;
+        with_key.insert(with_key.size() - 1, std::string(", \"_kv_key\": \"") + key + "\"");
+        reply = request("fq-av-scanproxy", with_key, timeout_ms);
+        fq_connection_unstage_scan_data(client, key);
+        free(key);
+    }
+    fq_connection_deinit(client);
+    free_config(&client);
+    return reply;
 }
 
 std::optional<std::string> WorkerEnv::registry_get(const std::string& key, uint64_t* revision) const

@@ -14,6 +14,11 @@
 
 namespace fqtest {
 
+// A client's scan job for the worker with every member it insists on; extra members (", \"K\": v")
+// go at the end.
+std::string worker_job(const std::string& name, size_t len, const std::string& services,
+                       const std::string& extra = "");
+
 class WorkerEnv {
 public:
     // with_control: an in-test fq-av-worker-control answers pings from the start.
@@ -40,6 +45,9 @@ public:
     // A request on the broker; the reply text, or nullopt on time-out or no responders.
     std::optional<std::string> request(const std::string& subject, const std::string& body,
                                        int timeout_ms = 2000) const;
+    // A client's scan through the worker: the object staged, the job sent to fq-av-scanproxy with
+    // its key, the staging removed again. The reply text, or nullopt.
+    std::optional<std::string> scan(const std::string& job, const std::string& bytes, int timeout_ms = 15000) const;
     // The value under key in the registry bucket, or nullopt; *revision gets the entry's revision.
     std::optional<std::string> registry_get(const std::string& key, uint64_t* revision = nullptr) const;
 

