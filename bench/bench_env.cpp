@@ -25,7 +25,7 @@ namespace {
 // PIDs of the running children, readable from a signal handler.
 constexpr int s_max_children = 16;
 std::atomic<pid_t> s_children[s_max_children];
-volatile sig_atomic_t s_interrupted = 0;
+std::atomic<int> s_interrupted{0};
 
 void s_register(pid_t pid)
 {

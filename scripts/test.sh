@@ -9,6 +9,7 @@ cd "$(dirname "$0")/.."
 
 bash scripts/install-deps.sh
 jobs="$(nproc)"
+root="$(pwd)"
 
 # The process tests time stops and outages, so they run one at a time after the others.
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
@@ -25,7 +26,7 @@ if [ "${FQ_SKIP_SANITIZERS:-0}" != "1" ]; then
 
   cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DFQ_SANITIZE=thread
   cmake --build build-tsan -j"$jobs"
-  (cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  (cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/tests/tsan.supp" \
     ctest --output-on-failure -j"$jobs" -L 'unit|integration')
 fi
 

@@ -18,8 +18,6 @@ int FQ_JoinThreadTimeout(pthread_t t, unsigned int timeout_ms);
 // and stays joinable), -1 if the helper thread could not be started.
 int pthread_join_timeout(pthread_t wid, unsigned int msecs);
 
-// Entry of the helper thread of pthread_join_timeout; arg is its private record.
-void* join_timeout_helper(void* arg);
 
 // Wall-clock milliseconds, wrapping at 32 bits: only differences mean anything.
 unsigned int get_ticks(void);

@@ -41,7 +41,7 @@ constexpr int kExitFound = 1;
 constexpr int kExitError = 2;
 
 // Set by SIGINT/SIGTERM: no new file is started; those in flight finish and clean up.
-volatile sig_atomic_t s_interrupted = 0;
+std::atomic<int> s_interrupted{0};
 
 void s_on_signal(int sig)
 {

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <mutex>
+#include <atomic>
 #include <string>
 
 #include "fq_request_reply_types.h"
@@ -31,7 +32,8 @@ std::string s_path;
 // One writer at a time, so that lines never interleave; the descriptor is swapped under it too.
 std::mutex s_write_mu;
 int s_fd = -1;
-volatile sig_atomic_t s_reopen = 0;
+// Set by SIGHUP, taken by whichever serving thread writes next.
+std::atomic<int> s_reopen{0};
 
 void s_on_hangup(int)
 {
@@ -49,9 +51,8 @@ int s_open_file(std::string* error)
 // After a rotation (SIGHUP) the file is opened anew; the old descriptor stays if that fails.
 void s_reopen_if_asked()
 {
-    if (!s_reopen)
+    if (!s_reopen.exchange(0))
         return;
-    s_reopen = 0;
     std::string error;
     const int fd = s_open_file(&error);
     if (fd < 0) {
