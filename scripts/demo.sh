@@ -121,6 +121,7 @@ command -v nats-server >/dev/null || die "nats-server is not installed (bash scr
 command -v zip >/dev/null || die "zip is not installed (bash scripts/install-deps.sh)"
 
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/fq-av-demo.XXXXXX")
+say "working in $WORK (the worker's trace.log and logs/<program>.log are there)"
 mkdir -p "$WORK/logs" "$WORK/js" "$WORK/base/fq-av-scanproxy" "$WORK/base/run" "$WORK/samples" "$WORK/make"
 : >"$WORK/pids"
 
@@ -246,6 +247,9 @@ original=$(sha256sum <"$S/eicar.com" | cut -d ' ' -f 1)
 restored=$(sha256sum <"$WORK/restored-eicar.com" | cut -d ' ' -f 1)
 [ "$original" = "$restored" ] || die "the restored object's SHA-256 $restored differs from the original's $original"
 say "restored $id from the quarantine: SHA-256 $restored matches the original"
+
+say "output: the worker's trace in $WORK/trace.log, each program's stdout and stderr in $WORK/logs/<program>.log"
+[ "$keep" = 1 ] || say "(removed when the demo ends; run with --keep-running to keep them)"
 
 if [ "$keep" = 1 ]; then
   finished=1

@@ -38,6 +38,15 @@ fq_connection_config* fq_connection_config_new(void)
     return static_cast<fq_connection_config*>(calloc(1, sizeof(fq_connection_config)));
 }
 
+std::string fq_connection_endpoint_url(const char* endpoint)
+{
+    if (!endpoint)
+        return "";
+    if (strstr(endpoint, "://"))
+        return endpoint;
+    return std::string("tls://") + endpoint;
+}
+
 bool is_http_url(const char* url)
 {
     return url && (strncmp(url, "http://", 7) == 0 || strncmp(url, "https://", 8) == 0);

@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <string>
 
 #include "fq_request_reply_types.h"
 
@@ -56,6 +57,10 @@ typedef struct fq_nats_config {
 typedef fq_nats_config fq_connection_config;
 
 fq_connection_config* fq_connection_config_new(void);
+
+// The URL for a broker endpoint as an operator writes it, the same rule for every program:
+// a URL with a scheme stays as it is, "host:port" alone means "tls://host:port".
+std::string fq_connection_endpoint_url(const char* endpoint);
 
 // Life cycle. The URL's scheme decides the transport on every call: "http://" or "https://"
 // means the HTTP gateway, anything else (or no URL) means NATS.

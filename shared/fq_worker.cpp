@@ -1156,8 +1156,70 @@ bool s_start_services(s_process_t& p)
 
 }  // namespace
 
+namespace {
+
+const char s_usage_text[] =
+    "Usage: fq-av-scanproxy --basedir PATH --broker URL [options]\n"
+    "The scan worker: takes scan jobs from its NATS broker, walks each object through the scan services\n"
+    "the job names, and answers with one consolidated verdict. It never answers clean for an object\n"
+    "that could not be scanned.\n"
+    "\n"
+    "  -a, --basedir PATH               installation root (holds run/ and fq-av-scanproxy/); required\n"
+    "  -e, --broker URL                 nats://, tls://, ws:// or wss:// URL; host:port means tls://host:port\n"
+    "  -y, --broker-user NAME           broker user\n"
+    "  -z, --broker-password PW         broker password\n"
+    "  -A, --broker-cert PATH           CA file for the broker's certificate\n"
+    "  -g, --worker-threads N           scans at once (50)\n"
+    "  -x, --console-mode               stay in the foreground (do not fork)\n"
+    "  -n, --tracefile PATH             trace file (several workers may share one)\n"
+    "  -m, --tracelevel L               0 off, 1 fatal .. 4 info .. 6 trace (0)\n"
+    "  -E, --tracefile-maxsize MB       move the trace file into a zip archive at this size (0 = never)\n"
+    "  -o, --trace-to-screen            trace to stderr until the trace file is open\n"
+    "  -H, --register-interval S        seconds between registry refreshes (5)\n"
+    "  -d, --primary                    primary worker: never reports low load\n"
+    "  -i, --autoscale                  sample the load and report high and low water marks\n"
+    "  -j, --autoscale-monitoring-period S   2..119 (60)\n"
+    "  -k, --autoscale-high-water-mark P     2..99 percent (75)\n"
+    "  -l, --autoscale-low-water-mark P      6..99 percent (10)\n"
+    "  -h, --control-connection-timeout S    1..59, kept for compatibility (10)\n"
+    "      --js-ingress, --js-worker-threads N, --scan-slots N, --js-services LIST\n"
+    "                                   the JetStream work queue (see the README)\n"
+    "  -p, --update-server URL, -q/-r/-s --update-engine/--update-data/--update-binary,\n"
+    "  -t, --http-proxy, -v, --update-check-interval MIN, -w, --update-max-backups N,\n"
+    "  -K, --no_certificate_check       self-update (see the README)\n"
+    "  -B, --signal_when_ready SUBJ, -C, --shutdown_when_ready SUBJ, -D, --secret TEXT\n"
+    "                                   used between the versions of an update\n"
+    "  -G, --debug                      print the PID and wait for ENTER\n"
+    "      --help                       this text\n"
+    "      --version                    the version\n"
+    "\n"
+    "SIGTERM, SIGINT or SIGQUIT stop the worker in order within about two seconds (status 0).\n";
+
+// --help and --version answer and end the process before anything else happens; -h keeps
+// its old meaning (the control connection time-out).
+void s_answer_help_or_version(int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--") == 0)
+            return;
+        if (strcmp(argv[i], "--help") == 0) {
+            fputs(s_usage_text, stdout);
+            exit(0);
+        }
+        if (strcmp(argv[i], "--version") == 0) {
+            printf("%s %d.%d.%d build %d (service version %d.%d)\n", FQ_SERVICE_NAME, FQ_PRODUCT_VERSION_MAJOR,
+                   FQ_PRODUCT_VERSION_MINOR, FQ_PRODUCT_VERSION_PATCH, FQ_PRODUCT_BUILD, FQ_SERVICE_VERSION_MAJOR,
+                   FQ_SERVICE_VERSION_MINOR);
+            exit(0);
+        }
+    }
+}
+
+}  // namespace
+
 int fq_worker_main(int argc, char** argv)
 {
+    s_answer_help_or_version(argc, argv);
     // Static: the records live to the end of the process, after main has returned too.
     static s_process_t p;
     s_close_all_fds();

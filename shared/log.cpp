@@ -139,7 +139,9 @@ void log_log(int level, const char* func, const char* file, int line, const char
 
         const int idx = (level >= FQLOG_OFF && level <= FQLOG_TRACE) ? level : -1;
         const char* name = idx >= 0 ? s_level_names[idx] : "";
-        const char* color = idx >= 0 ? s_level_colors[idx] : "";
+        // Colour codes only for a person at a terminal: files, pipes and the journal get plain text.
+        const bool colour = isatty(STDERR_FILENO) == 1;
+        const char* color = colour && idx >= 0 ? s_level_colors[idx] : "";
         const char* prog = fq__progname ? fq__progname : "";
         if (func == nullptr)
             func = "";
@@ -155,7 +157,10 @@ void log_log(int level, const char* func, const char* file, int line, const char
             s_appendf(out, "[%s] %s%-5s PID: %6d TID: %6lu %s:%s(): ", ts, color, name, pid, tid, prog,
                       func);
             out += msg;
-            s_appendf(out, " \x1b[90m(%s:%d)\x1b[0m \n", file, line);
+            if (colour)
+                s_appendf(out, " \x1b[90m(%s:%d)\x1b[0m \n", file, line);
+            else
+                s_appendf(out, " (%s:%d) \n", file, line);
             s_write_stderr(out);
         }
 

@@ -76,7 +76,10 @@ TEST_F(PeerClamav, PlainFilesAndArchivesGetAVerdictPerFile)
         EXPECT_EQ(hit.str("Virusname").rfind(c.virus, 0), 0u) << c.name << ": " << hit.str("Virusname");
         EXPECT_EQ(c.virus.empty(), hit.str("Virusname").empty()) << c.name;
         EXPECT_EQ(hit.num("File-size"), (int64_t)c.size) << c.name;
+        // Started without --database: every reply says that only the test signatures are loaded.
+        EXPECT_NE(r.str("Engine").find("TEST SIGNATURES ONLY"), std::string::npos) << r.str("Engine");
     }
+    EXPECT_NE(read_file(suite.program.stderr_path).find("WARNING: no --database given"), std::string::npos);
 }
 
 TEST_F(PeerClamav, DamagedOrEncryptedArchivesAreNeverClean)

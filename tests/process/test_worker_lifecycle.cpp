@@ -106,4 +106,24 @@ TEST_F(WorkerProcess, BadCommandLinesExitWith255)
     }
 }
 
+TEST_F(WorkerProcess, HelpAndVersionAnswerWithStatusZeroAndTheStderrOfAFileHasNoColours)
+{
+    for (const char* arg : {"--help", "--version"}) {
+        auto child = fqtest::spawn({FQ_WORKER_BINARY, arg}, env.dir.path());
+        int status = -1;
+        ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status));
+        EXPECT_EQ(0, status) << arg;
+        const std::string out = read_file(child.stdout_path);
+        EXPECT_NE(std::string::npos, out.find(std::string(arg) == "--help" ? "--basedir PATH" : "4.0.5 build 140"))
+            << out;
+    }
+    // A worker whose stderr goes to a file writes plain lines there.
+    auto child = env.spawn_worker({"--console-mode", "--worker-threads", "1", "--trace-to-screen"});
+    ASSERT_TRUE(env.wait_ready()) << read_file(child.stderr_path);
+    fqtest::stop_process(child.pid);
+    const std::string err = read_file(child.stderr_path);
+    EXPECT_NE(std::string::npos, err.find("INFO  PID:")) << err;
+    EXPECT_EQ(std::string::npos, err.find('\x1b'));
+}
+
 }  // namespace

@@ -15,6 +15,8 @@
 struct fqclam_engine_t {
     cl_engine* engine = nullptr;
     unsigned signatures = 0;
+    std::string dbdir;
+    std::string description;
 };
 
 namespace {
@@ -123,6 +125,8 @@ fqclam_engine_t* fqclam_engine_load(const char* dbdir, char* errmsg)
         return nullptr;
     }
     log_info("libclamav %s: %u signatures loaded from %s", cl_retver(), e->signatures, dbdir);
+    e->dbdir = dbdir;
+    fqclam_engine_set_test_database(e, false);
     return e;
 }
 
@@ -199,4 +203,19 @@ fqclam_verdict_t fqclam_engine_scan(const fqclam_engine_t* engine, const void* d
         log_error("%s while scanning %s", detail->c_str(), name);
         return FQCLAM_ERROR;
     }
+}
+
+void fqclam_engine_set_test_database(fqclam_engine_t* engine, bool test_only)
+{
+    if (!engine)
+        return;
+    engine->description = std::string("libclamav ") + cl_retver() + ", " + std::to_string(engine->signatures) +
+                          " signatures from " + engine->dbdir;
+    if (test_only)
+        engine->description += " (TEST SIGNATURES ONLY: this is no virus database; start with --database)";
+}
+
+const char* fqclam_engine_description(const fqclam_engine_t* engine)
+{
+    return engine ? engine->description.c_str() : "";
 }

@@ -22,6 +22,10 @@ typedef enum {
 fqclam_engine_t* fqclam_engine_load(const char* dbdir, char* errmsg);
 void fqclam_engine_free(fqclam_engine_t** engine);
 unsigned fqclam_engine_signatures(const fqclam_engine_t* engine);
+// What the engine is, for every reply's "Engine": library version, signature count, database, and
+// a warning when the database is only the shipped test set.
+void fqclam_engine_set_test_database(fqclam_engine_t* engine, bool test_only);
+const char* fqclam_engine_description(const fqclam_engine_t* engine);
 
 // Scans one buffer. name is only a label for libclamav. With parse_archives false libclamav
 // leaves archive formats closed (the caller unpacks them); other containers (PDF, OLE2, mail)

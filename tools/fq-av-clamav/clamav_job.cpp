@@ -294,7 +294,7 @@ int64_t s_get_int64(json_object* job, const char* key, int64_t def)
     return json_object_get_int64(v);
 }
 
-std::string s_build_reply(const s_walk& walk)
+std::string s_build_reply(const s_walk& walk, const fqclam_engine_t* engine)
 {
     int rc = SCAN_OK;
     for (const s_entry& e : walk.entries())
@@ -311,6 +311,7 @@ std::string s_build_reply(const s_walk& walk)
         json_object_object_add(reply.get(), "Blocking-reason",
                                json_object_new_string(walk.incomplete_reason().c_str()));
     json_object_object_add(reply.get(), "FilesScanned", json_object_new_int64((int64_t)walk.entries().size()));
+    json_object_object_add(reply.get(), "Engine", json_object_new_string(fqclam_engine_description(engine)));
     for (const s_entry& e : walk.entries()) {
         json_object* o = json_object_new_object();
         if (!o)
@@ -393,7 +394,7 @@ char* fqclam_scan_job(const fqclam_engine_t* engine, const char* job_json, const
     if (!walk.failure().empty())
         return s_error_reply(walk.failure());
 
-    const std::string text = s_build_reply(walk);
+    const std::string text = s_build_reply(walk, engine);
     if (text.empty())
         return s_error_reply("Failed to build the scan reply");
     char* out = strdup(text.c_str());

@@ -101,7 +101,9 @@ int main(int argc, char** argv)
         "scan could not be completed (limits, damaged or encrypted archives), -1000 with Error on a\n"
         "failure. A ping {\"Command\": 3} is answered {\"ReturnCode\": 0}.",
         {
-            {"database", "DIR", "signature database directory (default: the shipped test database)",
+            {"database", "DIR",
+             "signature database directory (default: the shipped TEST database of two signatures, EICAR and "
+             "the project's samples; give a real one for production)",
              [&database](const char* v) {
                  database = v;
                  return !database.empty();
@@ -114,7 +116,8 @@ int main(int argc, char** argv)
         return rc;
     log_set_level(opts.log_level);
 
-    if (database.empty())
+    const bool test_only = database.empty();
+    if (test_only)
         database = s_default_database();
     char error[1024] = "";
     s_context ctx;
@@ -122,6 +125,14 @@ int main(int argc, char** argv)
     if (!ctx.engine) {
         fprintf(stderr, "%s: %s\n", program.name, error);
         return PEER_EXIT_USAGE;
+    }
+    if (test_only) {
+        // Whatever the log level: an operator must not mistake this for a virus scanner.
+        fprintf(stderr,
+                "%s: WARNING: no --database given: scanning with the shipped TEST signatures only (%u, from %s). "
+                "Real malware will NOT be found. Give --database DIR with a ClamAV signature database.\n",
+                program.name, fqclam_engine_signatures(ctx.engine), database.c_str());
+        fqclam_engine_set_test_database(ctx.engine, true);
     }
 
     const int status = peer_serve(program, opts, {"fq-av-clamav", s_clamav_handler, &ctx, true});

@@ -82,7 +82,7 @@ void s_usage(FILE* out, const char* prog)
             "  PATH: ERROR <text>         the object could not be scanned; never taken as clean\n"
             "\n"
             "Broker:\n"
-            "  -b, --broker URL           broker URL (default nats://127.0.0.1:4222; tls://host:port for TLS)\n"
+            "  -b, --broker URL           broker URL (default nats://127.0.0.1:4222); host:port means tls://host:port\n"
             "  -u, --user NAME            user name\n"
             "  -p, --password TEXT        password\n"
             "  -c, --broker-cert FILE     CA certificate that signed the broker's certificate\n"
@@ -187,7 +187,7 @@ int s_parse_args(int argc, char** argv, Options* o)
         int64_t n = 0;
         switch (c) {
         case 'b':
-            o->url = optarg;
+            o->url = fq_connection_endpoint_url(optarg);
             break;
         case 'u':
             o->user = optarg;

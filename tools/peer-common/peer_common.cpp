@@ -85,7 +85,7 @@ void s_usage(FILE* out, const peer_program_t& program)
     fprintf(out, "Usage: %s %s\n%s\n\nOptions:\n", program.name, program.synopsis, program.description);
     for (const auto& o : program.options)
         s_print_option(out, nullptr, o.name, o.arg, o.help);
-    s_print_option(out, "b", "broker", "URL", "broker URL (default nats://127.0.0.1:4222; tls:// for TLS)");
+    s_print_option(out, "b", "broker", "URL", "broker URL (default nats://127.0.0.1:4222); host:port means tls://host:port");
     s_print_option(out, "u", "user", "NAME", "user name at the broker");
     s_print_option(out, "p", "password", "TEXT", "password at the broker");
     s_print_option(out, "c", "broker-cert", "FILE", "CA certificate that signed the broker's certificate");
@@ -267,7 +267,7 @@ int peer_parse_command_line(int argc, char** argv, const peer_program_t& program
         const char* what = nullptr;
         switch (c) {
         case 'b':
-            opts->broker = optarg;
+            opts->broker = *optarg ? fq_connection_endpoint_url(optarg) : "";
             ok = !opts->broker.empty();
             what = "broker";
             break;
