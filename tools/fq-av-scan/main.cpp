@@ -342,10 +342,11 @@ public:
         fflush(stdout);
     }
 
-    void result(const std::string& path, const fqscan::Outcome& out)
+    void result(const std::string& path, const fqscan::Outcome& out, uint64_t bytes = 0)
     {
         std::lock_guard<std::mutex> lock(mu_);
         ++done_;
+        bytes_ += bytes;
         switch (out.verdict) {
         case fqscan::Verdict::Ok:
             ++clean_;
@@ -380,8 +381,9 @@ public:
         const double secs = s_seconds_since(t0_);
         if (!progress_ || secs < 2.0)
             return;
-        fprintf(stderr, "\r\033[K[fq-av-scan] %zu/%zu files, %zu found/blocked, %zu errors, %.1f s", done_, total_,
-                found_ + blocked_, errors_, secs);
+        const double mb = (double)bytes_ / 1e6;
+        fprintf(stderr, "\r\033[K[fq-av-scan] %zu/%zu files, %.1f MB, %.1f files/s, %.1f MB/s, %zu found/blocked, %zu errors",
+                done_, total_, mb, (double)done_ / secs, mb / secs, found_ + blocked_, errors_);
         fflush(stderr);
         shown_ = true;
     }
@@ -457,6 +459,7 @@ private:
     size_t done_ = 0, clean_ = 0, found_ = 0, blocked_ = 0, errors_ = 0;
     std::chrono::steady_clock::time_point t0_;
     bool progress_ = false;
+    uint64_t bytes_ = 0;
     bool shown_ = false;
 };
 
@@ -647,8 +650,11 @@ int main(int argc, char** argv)
                     report.skipped(item.path, item.skipped);
                 else if (!item.error.empty())
                     report.result(item.path, fqscan::error_outcome(item.error));
-                else
-                    report.result(item.path, s_scan_file(opts, conn.cfg, policy.get(), item));
+                else {
+                    fqscan::Outcome out = s_scan_file(opts, conn.cfg, policy.get(), item);
+                    struct stat st;
+                    report.result(item.path, out, stat(item.path.c_str(), &st) == 0 ? (uint64_t)st.st_size : 0);
+                }
             }
         };
         const size_t n = std::min<size_t>((size_t)opts.threads, items.empty() ? 1 : items.size());
