@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "fqerror.h"
+#include "fq_service_manager.h"
 #include "fq_worker_ping.h"
 #include "fq_worker_ping_handler.h"
 #include "fqhlp-string.h"
@@ -839,8 +840,10 @@ int s_register(s_process_t& p, bool refresh);
 // Sleeps ms in steps of at most 50 ms; false as soon as the stop flag is set.
 bool s_pause_unless_killed(int ms)
 {
-    for (int slept = 0; slept < ms && !killed; slept += 50)
+    for (int slept = 0; slept < ms && !killed; slept += 50) {
+        fq_sm_watchdog();
         zclock_sleep(ms - slept < 50 ? ms - slept : 50);
+    }
     return !killed;
 }
 
@@ -854,6 +857,9 @@ void s_note_broker_away(s_process_t& p, const char* why)
     const fq_connection_config* cc = p.config->connection_config;
     log_warn("Waiting for the broker at %s (%s); the connection is being re-established in the background",
              cc->server_url ? cc->server_url : "(none)", why);
+    const std::string status = std::string("waiting for the broker at ") + (cc->server_url ? cc->server_url : "") +
+                               " (" + why + ")";
+    fq_sm_status(status.c_str());
 }
 
 void s_main_loop(s_process_t& p)
@@ -891,6 +897,8 @@ void s_main_loop(s_process_t& p)
             p.last_registration_update = now;
         }
         s_report_load(p);
+        // The main loop is what the service manager's watchdog watches: a loop that stops turning is a hang.
+        fq_sm_watchdog();
         zclock_sleep(FQ_MAIN_LOOP_SLEEP_MS);
     }
 }
@@ -916,6 +924,7 @@ void s_drain_serving_threads(fq_connection_config* cc)
 
 void s_stop(s_process_t& p)
 {
+    fq_sm_stopping("stopping");
     fq_connection_config* cc = p.config ? p.config->connection_config : nullptr;
     // Without the broker the delete would only wait; the record lapses by its time-to-live.
     if (p.control_service_name[0] && cc && fq_connection_state(cc, nullptr, 0) == FQ_CONNECTION_UP)
@@ -1011,7 +1020,9 @@ bool s_wait_for_control_service(s_process_t& p)
             s_pause_unless_killed(250);
             continue;
         }
+        fq_sm_status("waiting for fq-av-worker-control");
         for (int i = 0; i < 3 && !killed; ++i) {
+            fq_sm_watchdog();
             if (fq_worker_ping(cc, "fq-av-worker-control", false, 1, FQ_CONTROL_PING_TIMEOUT_MS, 0) == 0)
                 return true;
         }
@@ -1297,10 +1308,18 @@ int fq_worker_main(int argc, char** argv)
         started = false;
     }
 
-    if (started && s_start_services(p))
+    if (started && s_start_services(p)) {
+        // Ready for a service manager once the worker answers on its subjects, not merely runs.
+        if (!killed) {
+            char status[256];
+            snprintf(status, sizeof(status), "%s worker%s, PID %d ready with %d threads", FQ_SERVICE_DISPLAY_NAME,
+                     s_worker_type(p.config), static_cast<int>(getpid()), p.worker_threads);
+            fq_sm_ready(status);
+        }
         s_main_loop(p);
-    else
+    } else {
         p.rc = -1;
+    }
 
     s_stop(p);
     return p.rc;

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <regex>
@@ -124,6 +126,52 @@ TEST_F(WorkerProcess, HelpAndVersionAnswerWithStatusZeroAndTheStderrOfAFileHasNo
     const std::string err = read_file(child.stderr_path);
     EXPECT_NE(std::string::npos, err.find("INFO  PID:")) << err;
     EXPECT_EQ(std::string::npos, err.find('\x1b'));
+}
+
+// A service manager's side of the notify protocol: a datagram socket whose messages are kept.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& path) : path_(path)
+    {
+        fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+        bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    }
+    ~NotifySocket() { close(fd_); }
+    // Every message received so far, appended to what was read before.
+    const std::string& read_all()
+    {
+        char buf[4096];
+        ssize_t n;
+        while ((n = recv(fd_, buf, sizeof(buf), MSG_DONTWAIT)) > 0)
+            seen_ += std::string(buf, (size_t)n) + "\n";
+        return seen_;
+    }
+    bool has(const std::string& text) { return read_all().find(text) != std::string::npos; }
+
+private:
+    std::string path_;
+    int fd_ = -1;
+    std::string seen_;
+};
+
+TEST_F(WorkerProcess, TellsAServiceManagerWhenItServesThatItLivesAndWhenItStops)
+{
+    NotifySocket manager(env.dir / "notify");
+    auto child = env.spawn_worker({"--console-mode", "--worker-threads", "2"},
+                                  {"NOTIFY_SOCKET=" + (env.dir / "notify"), "WATCHDOG_USEC=400000"});
+    ASSERT_TRUE(fqtest::wait_until([&] { return manager.has("READY=1"); }, 30s)) << manager.read_all();
+    // Ready means serving: the ping subject answers at once.
+    EXPECT_EQ("{\"ReturnCode\": 0}", env.request("fq-av-scanproxy.ping", "{\"Command\": 3}").value_or("no reply"));
+    EXPECT_NE(std::string::npos, manager.read_all().find("STATUS=Scan proxy worker, PID " + std::to_string(child.pid)));
+    ASSERT_TRUE(fqtest::wait_until([&] { return manager.has("WATCHDOG=1"); }, 5s));
+    kill(child.pid, SIGTERM);
+    int status = -1;
+    ASSERT_TRUE(fqtest::wait_exit(child.pid, 10s, &status));
+    EXPECT_EQ(0, status);
+    EXPECT_TRUE(manager.has("STOPPING=1"));
 }
 
 }  // namespace

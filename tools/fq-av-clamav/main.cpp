@@ -40,18 +40,21 @@ bool s_is_dir(const std::string& path)
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// The shipped database: in the source tree the program was built from, else beside the binary.
+// The shipped database: where the package puts it or beside the binary, else in the source tree
+// the program was built from (a run from the build directory).
 std::string s_default_database()
 {
-    if (s_is_dir(FQCLAM_SOURCE_DB_DIR))
-        return FQCLAM_SOURCE_DB_DIR;
     char exe[PATH_MAX];
     const ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
     if (n > 0) {
         std::string dir(exe, (size_t)n);
         dir.erase(dir.find_last_of('/') + 1);
-        if (s_is_dir(dir + FQCLAM_BESIDE_DB_DIR))
-            return dir + FQCLAM_BESIDE_DB_DIR;
+        // Installed from the package: /usr/bin/fq-av-clamav and /usr/share/fq-av-scanproxy/test-db.
+        for (const std::string& candidate : {dir + "../share/fq-av-scanproxy/test-db", dir + FQCLAM_BESIDE_DB_DIR}) {
+            char real[PATH_MAX];
+            if (s_is_dir(candidate) && realpath(candidate.c_str(), real))
+                return real;
+        }
     }
     return FQCLAM_SOURCE_DB_DIR;
 }

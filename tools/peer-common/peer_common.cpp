@@ -4,6 +4,8 @@
 // they use, and its exit status says why it ended (usage, broker, connection lost).
 #include "peer_common.h"
 
+#include "fq_service_manager.h"
+
 #include <dirent.h>
 #include <errno.h>
 #include <getopt.h>
@@ -380,9 +382,12 @@ int peer_serve(const peer_program_t& program, const peer_options_t& opts, const 
         peer_stop = 1;
     } else {
         log_info("%s: serving %s with %d threads", program.name, service.subject.c_str(), started);
+        const std::string status = "serving " + service.subject + " with " + std::to_string(started) + " threads";
+        fq_sm_ready(status.c_str());
     }
 
     while (!peer_stop) {
+        fq_sm_watchdog();
         s_pause_ms(200);
         if (!peer_stop && s_closed(cfg)) {
             log_error("%s: the connection to the broker is closed for good; stopping", program.name);
@@ -392,6 +397,7 @@ int peer_serve(const peer_program_t& program, const peer_options_t& opts, const 
     }
 
     log_info("%s: stopping", program.name);
+    fq_sm_stopping("stopping");
     const int64_t deadline = s_now_ms() + s_stop_grace_ms;
     auto still_serving = [&] {
         const std::set<long> now = s_thread_ids();
