@@ -4,6 +4,7 @@
 // its own in each file. The guards own exactly one handle and never share it.
 #pragma once
 
+#include <dirent.h>
 #include <json-c/json.h>
 #include <nats/nats.h>
 #include <stdio.h>
@@ -41,6 +42,7 @@ using fq_js_consumer_info_ptr = std::unique_ptr<jsConsumerInfo, fq::fn_deleter<j
 using fq_json_tokener_ptr = std::unique_ptr<json_tokener, fq::fn_deleter<json_tokener_free>>;
 // Files.
 using fq_file_ptr = std::unique_ptr<FILE, fq::fn_deleter<fclose>>;
+using fq_dir_ptr = std::unique_ptr<DIR, fq::fn_deleter<closedir>>;
 
 // A file descriptor, closed when the guard goes.
 class fq_fd_guard {
