@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "fqerror.h"
+#include "fq_log.h"
 #include "fq_worker_ping.h"
 #include "fq_worker_ping_handler.h"
 #include "fqhlp-string.h"
@@ -792,6 +793,76 @@ void s_open_trace(const fq_worker_config_t* config, int argc, char** argv)
         log_trace("CL [%d]: '%s'", i, argv[i]);
 }
 
+// ---- Log records and events: the dispatcher and what main reports through it.
+
+fq_pqueue* s_log_queue(const s_process_t& p)
+{
+    return p.config && p.config->log_thread_params ? p.config->log_thread_params->pq : nullptr;
+}
+
+void s_queue_event(const s_process_t& p, fq_av_event_type_t type, const char* error, const char* text)
+{
+    fq_log_send_event(s_log_queue(p), type, nullptr, nullptr, nullptr, error, nullptr, text, nullptr);
+}
+
+// {"Message": text}, the data of every section main writes.
+json_object* s_message_data(const char* text)
+{
+    json_object* data = json_object_new_object();
+    if (data)
+        json_object_object_add(data, "Message", json_object_new_string(text));
+    return data;
+}
+
+// The queue lives in <basedir>/run; a missing run directory is made rather than losing every record.
+bool s_start_log_dispatcher(s_process_t& p)
+{
+    const std::string rundir = std::string(p.config->basedir) + "/run";
+    if (mkdir(rundir.c_str(), 0770) != 0 && errno != EEXIST)
+        log_error("Failed to create %s: %s", rundir.c_str(), FQstrerror(errno));
+    p.config->log_thread_params = fq_log_create_log_dispatcher(rundir.c_str(), p.config->connection_config);
+    return p.config->log_thread_params != nullptr;
+}
+
+void s_report_ready(const s_process_t& p)
+{
+    fq_json_ptr record(fq_log_create_message());
+    if (!record)
+        return;
+    char text[1024];
+    snprintf(text, sizeof(text), "%s worker%s, PID %d ready with %d threads", FQ_SERVICE_DISPLAY_NAME,
+             s_worker_type(p.config), static_cast<int>(getpid()), p.worker_threads);
+    fq_log_add_log_section(record.get(), "StatusLog", nullptr, s_message_data(text));
+    s_queue_event(p, WORKER_EVENT_START_OK, nullptr, text);
+    fq_log_enqueue(s_log_queue(p), 'L', record.get());
+}
+
+// The last records, and time for the dispatcher to deliver them before it is stopped.
+void s_report_stop(const s_process_t& p)
+{
+    fq_log_thread_param_t* dispatcher = p.config ? p.config->log_thread_params : nullptr;
+    if (!dispatcher)
+        return;
+    fq_json_ptr record(fq_log_create_message());
+    if (record) {
+        char text[1024];
+        snprintf(text, sizeof(text), "%s worker%s, PID %d shutting down", FQ_SERVICE_DISPLAY_NAME,
+                 s_worker_type(p.config), static_cast<int>(getpid()));
+        if (p.exitlog) {
+            fq_log_add_log_section(record.get(), "ErrorLog", nullptr, s_message_data(p.exitlog));
+            s_queue_event(p, WORKER_EVENT_START_ERROR, p.exitlog, p.exitlog);
+        }
+        fq_log_add_log_section(record.get(), "StatusLog", nullptr, s_message_data(text));
+        if (!p.exitlog)
+            s_queue_event(p, WORKER_EVENT_END, nullptr, text);
+        fq_log_enqueue(s_log_queue(p), 'L', record.get());
+        // Up to 3 s, less once nothing is left to deliver.
+        fq_log_wait_delivered(dispatcher, 3000);
+    }
+    // What is not delivered by now stays on disk for the next start.
+    fq_log_stop_log_dispatcher(dispatcher, 5000);
+}
+
 void s_report_load(s_process_t& p)
 {
     fq_worker_config_t* config = p.config;
@@ -807,6 +878,7 @@ void s_report_load(s_process_t& p)
                  "Load High-Water mark met. Average load exceeds %d percent over the past %d seconds",
                  config->load_hwm, config->load_sampling_period);
         log_debug("%s", text);
+        s_queue_event(p, WORKER_EVENT_LOAD_HWM_REACHED, nullptr, text);
         fqctrl_initialize_load_sample_array(p.load_samples, samples);
     }
     if (!config->IsPrimary && load < config->load_lwm) {
@@ -814,6 +886,7 @@ void s_report_load(s_process_t& p)
                  "Load Low-Water mark met. Average load is less than %d percent over the past %d seconds",
                  config->load_lwm, config->load_sampling_period);
         log_debug("%s", text);
+        s_queue_event(p, WORKER_EVENT_LOAD_LWM_REACHED, nullptr, text);
         fqctrl_initialize_load_sample_array(p.load_samples, samples);
     }
 }
@@ -858,6 +931,7 @@ void s_stop(s_process_t& p)
     if (p.config)
         log_info("%s worker%s, PID %d shutting down", FQ_SERVICE_DISPLAY_NAME, s_worker_type(p.config),
                  static_cast<int>(getpid()));
+    s_report_stop(p);
     if (p.config)
         fq_connection_deinit(p.config->connection_config);
     if (p.config && p.thread_global_params) {
@@ -1053,6 +1127,7 @@ bool s_start_services(s_process_t& p)
 
     log_info("%s worker%s, PID %d ready with %d threads", FQ_SERVICE_DISPLAY_NAME, s_worker_type(config),
              static_cast<int>(getpid()), p.worker_threads);
+    s_report_ready(p);
 
     if (fq_connection_start_service_handler_threads(cc, p.control_service_name, fq_worker_control_request_handler,
                                                     p.thread_global_params, &killed, 1) != 0) {
@@ -1134,6 +1209,12 @@ int fq_worker_main(int argc, char** argv)
         exit(-1);
     }
     fqctrl_initialize_load_sample_array(p.load_samples, samples);
+
+    if (!s_start_log_dispatcher(p)) {
+        log_fatal("Failed to start log dequeue thread");
+        exit(-1);
+    }
+    log_info("Log dequeue thread created");
 
     if (s_start_services(p))
         s_main_loop(p);
