@@ -164,6 +164,30 @@ TEST_F(PeerSinks, EventSinkKeepsConcurrentRecordsWholeOnePerLine)
     EXPECT_EQ(status, 0) << fqtest::read_file(child.stderr_path);
 }
 
+// A delivery repeated after a lost acknowledgement is acknowledged again but written once, also
+// by a sink restarted in between.
+TEST_F(PeerSinks, RepeatedEventIdIsWrittenOnceAcrossARestart)
+{
+    fqtest::TempDir dir;
+    const std::string file = dir / "log.jsonl";
+    auto record = [](const char* id) { return std::string("{\"EventID\": \"") + id + "\", \"StatusLog\": {}}"; };
+    for (const std::vector<const char*>& ids : {std::vector<const char*>{"a", "a", "b"}, {"b", "a", "c"}}) {
+        fqtest::Child child = start(kLogSink, "fq-av-log", file, dir.path(), "1");
+        for (const char* id : ids)
+            EXPECT_EQ(send("fq-av-log", record(id)), 0) << id;
+        fqtest::stop_process(child.pid);
+    }
+    std::vector<std::string> ids;
+    for (const std::string& line : lines_of(file)) {
+        json_object* o = json_tokener_parse(line.c_str());
+        json_object* id = nullptr;
+        ASSERT_TRUE(o && json_object_object_get_ex(o, "EventID", &id)) << line;
+        ids.emplace_back(json_object_get_string(id));
+        json_object_put(o);
+    }
+    EXPECT_EQ(ids, (std::vector<std::string>{"a", "b", "c"}));
+}
+
 TEST(PeerSinksStart, FileThatCannotBeOpenedIsASetUpError)
 {
     std::string out;
