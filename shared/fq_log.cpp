@@ -19,6 +19,7 @@
 
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "fq_raii.h"
 #include "fq_request_reply_types.h"
@@ -230,20 +231,20 @@ s_send_result_t s_send(fq_connection_config* cc, const char* service, const char
     return REFUSED;
 }
 
-// Delivers the batch in its order (oldest first) and returns the index at which a stop request
-// ended the walk, or count. Once a service has not answered, the rest of its kind in this batch
-// goes back untried: it could not be reached either, and a younger record must not overtake an
-// older one of its kind.
-int s_deliver_batch(fq_log_thread_param_t* p, fq_pqueue_data** batch, int count, int* delay)
+// Delivers the batch in its order (oldest first); a stop request gives back what is left. Once a
+// service has not answered, the rest of its kind in this batch goes back at once, untried: it
+// could not be reached either, and a younger record must not overtake an older one of its kind.
+void s_deliver_batch(fq_log_thread_param_t* p, fq_pqueue_data** batch, int count, int* delay)
 {
-    bool away[2] = {false, false};
+    std::vector<bool> done(static_cast<size_t>(count), false);
     for (int i = 0; i < count; ++i) {
-        if (p->killed)
-            return i;
         fq_pqueue_data* e = batch[i];
-        const int kind = e->prefix == 'E' ? 1 : 0;
-        if (away[kind]) {
-            s_restore(e);
+        if (done[static_cast<size_t>(i)])
+            continue;
+        if (p->killed) {
+            // Stopping: what was not walked goes back for the next dispatcher, of this process or another.
+            if (rename(e->id, e->restore_id) != 0)
+                log_trace("Shutdown restore failed for %s: %s", e->id, FQstrerror(errno));
             continue;
         }
         if (fq_pqueue_data_read(e) != 0 || e->datalen == 0) {
@@ -266,13 +267,18 @@ int s_deliver_batch(fq_log_thread_param_t* p, fq_pqueue_data** batch, int count,
         }
         log_error("Failed to send log/event entry %s; restoring for retry", e->id);
         s_restore(e);
-        if (sent == NOT_REACHED)
-            away[kind] = true;
+        if (sent == NOT_REACHED) {
+            for (int j = i + 1; j < count; ++j) {
+                if (batch[j]->prefix == e->prefix) {
+                    s_restore(batch[j]);
+                    done[static_cast<size_t>(j)] = true;
+                }
+            }
+        }
         if (*delay < FQ_LOG_BACKOFF_MAX_MS)
             *delay += FQ_LOG_BACKOFF_STEP_MS;
         s_sleep_unless_killed(p, *delay);
     }
-    return count;
 }
 
 }  // namespace
@@ -316,10 +322,7 @@ void* fq_log_dequeue_thread(void* param)
                 fq_sleep_ms(FQ_LOG_IDLE_SLEEP_MS);
             continue;
         }
-        for (int i = s_deliver_batch(p, batch, count, &delay); i < count; ++i) {
-            if (rename(batch[i]->id, batch[i]->restore_id) != 0)
-                log_trace("Shutdown restore failed for %s: %s", batch[i]->id, FQstrerror(errno));
-        }
+        s_deliver_batch(p, batch, count, &delay);
         for (int i = 0; i < count; ++i)
             fq_pqueue_data_free(batch[i]);
         free(batch);
