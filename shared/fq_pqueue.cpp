@@ -179,17 +179,14 @@ bool s_make_dir(const char* path)
     return errno == EEXIST && fqhlp_IsDir(path);
 }
 
-std::string s_entry_name(char prefix, bool temp)
+// "<prefix><uuid>.dat" with a new time-based UUID.
+std::string s_entry_name(char prefix)
 {
     unsigned char uu[FQ_UUID_BYTES];
     char text[FQ_UUID_TEXT_LEN + 1];
     fq_uuid_generate_time_safe(uu);
     fq_uuid_unparse_lower(uu, text);
-    std::string name = temp ? s_temp : "";
-    name += prefix;
-    name += text;
-    name += ".dat";
-    return name;
+    return std::string(1, prefix) + text + ".dat";
 }
 
 bool s_write_all(int fd, const char* data, size_t len)
@@ -350,10 +347,12 @@ int fq_pqueue_push(fq_pqueue* q, char prefix, const char* data, size_t datalen)
     };
 
     const std::string dir = std::string(q->queue_data_dir) + "/";
+    std::string name;
     std::string temp;
     fq_fd_guard fd;
     for (int attempt = 0; attempt < 8 && !fd; ++attempt) {
-        temp = dir + s_entry_name(prefix, true);
+        name = s_entry_name(prefix);
+        temp = dir + s_temp + name;
         fd.reset(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
         if (!fd && errno != EEXIST)
             break;
@@ -365,13 +364,13 @@ int fq_pqueue_push(fq_pqueue* q, char prefix, const char* data, size_t datalen)
         return -1;
     }
     // A pending name is never replaced: the rare UUID seen twice gets a new one.
-    std::string final_name;
+    std::string final_name = dir + name;
     for (int attempt = 0; attempt < 8; ++attempt) {
-        final_name = dir + s_entry_name(prefix, false);
         if (renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD, final_name.c_str(), RENAME_NOREPLACE) == 0)
             return 0;
         if (errno != EEXIST)
             break;
+        final_name = dir + s_entry_name(prefix);
     }
     log_error("Failed to rename %s to %s: %s", temp.c_str(), final_name.c_str(), FQstrerror(errno));
     unlink(temp.c_str());
