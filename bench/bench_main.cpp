@@ -76,7 +76,8 @@ void s_usage(FILE* out)
             "  --perf DIR          record the worker and the relay with perf into DIR while the series run\n"
             "  --quick             a tenth of the jobs, one round: a smoke run\n"
             "  --queue             the queue series: pushes/s, delivery rate, scan latency with the log\n"
-            "                      dispatcher busy against idle (--jobs: scans per mode, default 3000)\n",
+            "                      dispatcher delivering a backlog against idle (--jobs: scans per mode,\n"
+            "                      default 3000)\n",
             FQ_WORKER_BINARY);
 }
 
@@ -509,6 +510,136 @@ bool s_start_worker(const Options& o, const std::string& url, const fqtest::Temp
     return false;
 }
 
+// The queue series: pushes per second, delivery rate, and the scan latency of the core road while
+// the worker's log dispatcher is busy against while it is idle, in interleaved rounds.
+int s_run_queue(const Options& o, const fqtest::TempDir& dir, const Broker& broker, const std::string& load_before)
+{
+    const std::string url = broker.url();
+    std::unique_ptr<natsConnection, void (*)(natsConnection*)> peer(s_peer_connect(url), natsConnection_Destroy);
+    if (!peer) {
+        fprintf(stderr, "fq-av-bench: no peer connection\n");
+        return 1;
+    }
+    const std::string record = queue_sample_record();
+    const int pushes = o.quick ? 2000 : 10000;
+
+    std::map<int, std::vector<double>> push_rates;
+    for (int round = 0; round < (o.quick ? 1 : 3); ++round)
+        for (int threads : {1, 4})
+            push_rates[threads].push_back(queue_push_rate(
+                dir / ("push-" + std::to_string(round) + "-" + std::to_string(threads)), threads, pushes, record));
+    for (auto& [threads, rates] : push_rates) {
+        std::sort(rates.begin(), rates.end());
+        fprintf(stderr, "pushes/s from %d thread(s): %.0f (median of %zu)\n", threads, rates[rates.size() / 2],
+                rates.size());
+    }
+    fq_connection_config* cfg = bench_connect(url);
+    mkdir((dir / "deliver").c_str(), 0755);
+    const int deliveries = o.quick ? 1000 : 5000;
+    const double delivery = cfg ? queue_delivery_rate(dir / "deliver", cfg, peer.get(), deliveries, record) : 0;
+    bench_disconnect(&cfg);
+    fprintf(stderr, "records delivered/s: %.0f\n", delivery);
+
+    // Scans through the worker while its sinks answer on this process's connection.
+    fqtest::Responder control(peer.get(), "fq-av-worker-control",
+                              [](const std::string&) { return std::string("{\"ReturnCode\": 0}"); });
+    std::atomic<long> sunk{0};
+    auto sink = [&](const std::string&) {
+        ++sunk;
+        return std::optional<std::string>("{\"ReturnCode\": 0}");
+    };
+    fqtest::Responder logs(peer.get(), "fq-av-log", sink);
+    fqtest::Responder events(peer.get(), "fq-av-events-dispatch", sink);
+    ScanServices services;
+    std::string error;
+    if (!services.start(url, {s_service_names[0]}, 4, &error)) {
+        fprintf(stderr, "fq-av-bench: peers: %s\n", error.c_str());
+        return 1;
+    }
+    TraceSemaphore trace_sem{dir / "worker-trace.log"};
+    ChildGuard worker;
+    if (!s_start_worker(o, url, dir, peer.get(), trace_sem.path, worker))
+        return 1;
+    Clients clients;
+    if (!clients.connect(url, 1, &error)) {
+        fprintf(stderr, "fq-av-bench: %s\n", error.c_str());
+        return 1;
+    }
+    const std::string object(4096, 'q');
+    const std::string rundir = dir / "base/run";
+    const int rounds = o.quick ? 2 : 6;
+    const int jobs = (o.jobs ? o.jobs : (o.quick ? 300 : 3000)) / (rounds / 2);
+    SeriesResult idle, busy;
+    double busy_seconds = 0;
+    long busy_sunk = 0;
+    for (int round = 0; round < rounds && worker.alive() && !interrupted(); ++round) {
+        const bool is_busy = round % 2 == 1;
+        // Busy: a backlog near the queue's limit, which the dispatcher is delivering before the first
+        // measured job and still at the last.
+        const long sunk_before = sunk.load();
+        if (is_busy && (queue_fill(rundir, record, 9500) != 9500 ||
+                        !fqtest::wait_for([&] { return sunk.load() > sunk_before + 100; }, std::chrono::seconds(30)))) {
+            fprintf(stderr, "fq-av-bench: the worker's dispatcher does not deliver from %s\n", rundir.c_str());
+            return 1;
+        }
+        const int depth = queue_depth(rundir);
+        LoadSpec spec;
+        spec.mode = Mode::Worker;
+        spec.object = &object;
+        spec.services = {s_service_names[0]};
+        spec.target = s_worker_subject;
+        spec.jobs = jobs;
+        spec.warmup = 20;
+        spec.watch = {broker.pid(), worker.pid(), worker.pid(), getpid()};
+        SeriesResult r;
+        const long sunk_start = sunk.load();
+        if (!clients.run(spec, broker, &r))
+            return 1;
+        const int left = queue_depth(rundir);
+        (is_busy ? busy : idle).add(r);
+        if (is_busy) {
+            busy_seconds += r.seconds;
+            busy_sunk += sunk.load() - sunk_start;
+        }
+        fprintf(stderr, "round %d (%s): request p50 %.3f ms, %d failed, %d records in the queue before, %d after\n",
+                round, is_busy ? "busy" : "idle", r.request_percentile(0.5), r.failures, depth, left);
+        if (is_busy && left == 0)
+            fprintf(stderr, "  the backlog ran out before the round ended: use fewer --jobs\n");
+        // The next idle round starts with an empty queue.
+        fqtest::wait_for([&] { return fqtest::list_dir(rundir + "/fq-av-scanproxy.pq/data").empty(); },
+                         std::chrono::seconds(60));
+    }
+    const int worker_status = worker.terminate(15000);
+
+    char date[64];
+    const std::time_t now = std::time(nullptr);
+    strftime(date, sizeof(date), "%Y-%m-%d %H:%M UTC", gmtime(&now));
+    printf("# fq-av-bench queue series, %s\n\n", date);
+    printf("- command: `%s`\n", o.command.c_str());
+    printf("- machine: %u cores, load average before %s, after %s\n", std::thread::hardware_concurrency(),
+           load_before.c_str(), s_loadavg().c_str());
+    printf("- record: %zu bytes (a ready record); queue with the worker's limits (10,000 entries)\n\n",
+           record.size());
+    printf("| measure | value | target |\n|---|---:|---|\n");
+    for (auto& [threads, rates] : push_rates)
+        printf("| pushes/s, %d thread(s), %d records, median of %zu | %.0f | >= 10,000 |\n", threads, pushes,
+               rates.size(), rates[rates.size() / 2]);
+    printf("| records delivered/s, one dispatcher, %d records, sinks on the broker | %.0f | >= 1,000 |\n", deliveries,
+           delivery);
+    printf("| records delivered/s by the worker during the busy rounds | %.0f | |\n",
+           busy_seconds > 0 ? busy_sunk / busy_seconds : 0.0);
+    printf("| scan request p50 ms, dispatcher idle (%d jobs) | %.3f | |\n", idle.jobs, idle.request_percentile(0.5));
+    printf("| scan request p50 ms, dispatcher busy (%d jobs) | %.3f | |\n", busy.jobs, busy.request_percentile(0.5));
+    printf("| scan request p99 ms, idle / busy | %.3f / %.3f | |\n", idle.request_percentile(0.99),
+           busy.request_percentile(0.99));
+    printf("| scan jobs/s, idle / busy | %.0f / %.0f | |\n", idle.jobs_per_s(), busy.jobs_per_s());
+    const double ratio = idle.request_percentile(0.5) > 0 ? busy.request_percentile(0.5) / idle.request_percentile(0.5) : 0;
+    printf("| scan p50 busy / idle | %.3f | <= 1.10 |\n", ratio);
+    printf("\nFailed scans: %d idle, %d busy; worker exit status after SIGTERM: %d\n", idle.failures, busy.failures,
+           worker_status);
+    return idle.failures + busy.failures ? 2 : 0;
+}
+
 int s_run(const Options& o)
 {
     const auto started = std::chrono::steady_clock::now();
@@ -517,6 +648,8 @@ int s_run(const Options& o)
     Broker broker(dir / "broker");
     if (!s_start_broker(dir, broker))
         return 1;
+    if (o.queue)
+        return s_run_queue(o, dir, broker, load_before);
     const std::string url = broker.url();
     std::string error;
 
@@ -647,141 +780,6 @@ int s_run(const Options& o)
     return failures ? 2 : 0;
 }
 
-// The queue series: pushes per second, delivery rate, and the scan latency of the core road while
-// the worker's log dispatcher is busy against while it is idle, in interleaved rounds.
-int s_run_queue(const Options& o)
-{
-    const std::string load_before = s_loadavg();
-    fqtest::TempDir dir;
-    Broker broker(dir / "broker");
-    if (!s_start_broker(dir, broker))
-        return 1;
-    const std::string url = broker.url();
-    std::unique_ptr<natsConnection, void (*)(natsConnection*)> peer(s_peer_connect(url), natsConnection_Destroy);
-    if (!peer) {
-        fprintf(stderr, "fq-av-bench: no peer connection\n");
-        return 1;
-    }
-    const std::string record = queue_sample_record();
-    const int pushes = o.quick ? 2000 : 10000;
-
-    std::map<int, std::vector<double>> push_rates;
-    for (int round = 0; round < (o.quick ? 1 : 3); ++round)
-        for (int threads : {1, 4})
-            push_rates[threads].push_back(queue_push_rate(
-                dir / ("push-" + std::to_string(round) + "-" + std::to_string(threads)), threads, pushes, record));
-    for (auto& [threads, rates] : push_rates) {
-        std::sort(rates.begin(), rates.end());
-        fprintf(stderr, "pushes/s from %d thread(s): %.0f (median of %zu)\n", threads, rates[rates.size() / 2],
-                rates.size());
-    }
-    fq_connection_config* cfg = bench_connect(url);
-    mkdir((dir / "deliver").c_str(), 0755);
-    const int deliveries = o.quick ? 1000 : 5000;
-    const double delivery = cfg ? queue_delivery_rate(dir / "deliver", cfg, peer.get(), deliveries, record) : 0;
-    bench_disconnect(&cfg);
-    fprintf(stderr, "records delivered/s: %.0f\n", delivery);
-
-    // Scans through the worker while its sinks answer on this process's connection.
-    fqtest::Responder control(peer.get(), "fq-av-worker-control",
-                              [](const std::string&) { return std::string("{\"ReturnCode\": 0}"); });
-    std::atomic<long> sunk{0};
-    auto sink = [&](const std::string&) {
-        ++sunk;
-        return std::optional<std::string>("{\"ReturnCode\": 0}");
-    };
-    fqtest::Responder logs(peer.get(), "fq-av-log", sink);
-    fqtest::Responder events(peer.get(), "fq-av-events-dispatch", sink);
-    ScanServices services;
-    std::string error;
-    if (!services.start(url, {s_service_names[0]}, 4, &error)) {
-        fprintf(stderr, "fq-av-bench: peers: %s\n", error.c_str());
-        return 1;
-    }
-    TraceSemaphore trace_sem{dir / "worker-trace.log"};
-    ChildGuard worker;
-    if (!s_start_worker(o, url, dir, peer.get(), trace_sem.path, worker))
-        return 1;
-    Clients clients;
-    if (!clients.connect(url, 1, &error)) {
-        fprintf(stderr, "fq-av-bench: %s\n", error.c_str());
-        return 1;
-    }
-    const std::string object(4096, 'q');
-    const std::string rundir = dir / "base/run";
-    const int rounds = o.quick ? 2 : 6;
-    const int jobs = (o.jobs ? o.jobs : (o.quick ? 300 : 3000)) / (rounds / 2);
-    SeriesResult idle, busy;
-    double busy_seconds = 0;
-    long busy_sunk = 0;
-    for (int round = 0; round < rounds && worker.alive() && !interrupted(); ++round) {
-        const bool is_busy = round % 2 == 1;
-        QueueFeeder feeder(rundir, record, 1000);
-        if (is_busy && !feeder.start()) {
-            fprintf(stderr, "fq-av-bench: cannot open the worker's queue in %s\n", rundir.c_str());
-            return 1;
-        }
-        // Busy: the dispatcher is delivering before the first measured job.
-        const long sunk_before = sunk.load();
-        if (is_busy && !fqtest::wait_for([&] { return sunk.load() > sunk_before + 100; }, std::chrono::seconds(30))) {
-            fprintf(stderr, "fq-av-bench: the worker's dispatcher does not deliver\n");
-            return 1;
-        }
-        LoadSpec spec;
-        spec.mode = Mode::Worker;
-        spec.object = &object;
-        spec.services = {s_service_names[0]};
-        spec.target = s_worker_subject;
-        spec.jobs = jobs;
-        spec.warmup = 20;
-        spec.watch = {broker.pid(), worker.pid(), worker.pid(), getpid()};
-        SeriesResult r;
-        const long sunk_start = sunk.load();
-        if (!clients.run(spec, broker, &r))
-            return 1;
-        feeder.stop();
-        (is_busy ? busy : idle).add(r);
-        if (is_busy) {
-            busy_seconds += r.seconds;
-            busy_sunk += sunk.load() - sunk_start;
-        }
-        fprintf(stderr, "round %d (%s): request p50 %.3f ms, %d failed\n", round, is_busy ? "busy" : "idle",
-                r.request_percentile(0.5), r.failures);
-        // The next idle round starts with an empty queue.
-        fqtest::wait_for([&] { return fqtest::list_dir(rundir + "/fq-av-scanproxy.pq/data").empty(); },
-                         std::chrono::seconds(60));
-    }
-    const int worker_status = worker.terminate(15000);
-
-    char date[64];
-    const std::time_t now = std::time(nullptr);
-    strftime(date, sizeof(date), "%Y-%m-%d %H:%M UTC", gmtime(&now));
-    printf("# fq-av-bench queue series, %s\n\n", date);
-    printf("- command: `%s`\n", o.command.c_str());
-    printf("- machine: %u cores, load average before %s, after %s\n", std::thread::hardware_concurrency(),
-           load_before.c_str(), s_loadavg().c_str());
-    printf("- record: %zu bytes (a ready record); queue with the worker's limits (10,000 entries)\n\n",
-           record.size());
-    printf("| measure | value | target |\n|---|---:|---|\n");
-    for (auto& [threads, rates] : push_rates)
-        printf("| pushes/s, %d thread(s), %d records, median of %zu | %.0f | >= 10,000 |\n", threads, pushes,
-               rates.size(), rates[rates.size() / 2]);
-    printf("| records delivered/s, one dispatcher, %d records, sinks on the broker | %.0f | >= 1,000 |\n", deliveries,
-           delivery);
-    printf("| records delivered/s by the worker during the busy rounds | %.0f | |\n",
-           busy_seconds > 0 ? busy_sunk / busy_seconds : 0.0);
-    printf("| scan request p50 ms, dispatcher idle (%d jobs) | %.3f | |\n", idle.jobs, idle.request_percentile(0.5));
-    printf("| scan request p50 ms, dispatcher busy (%d jobs) | %.3f | |\n", busy.jobs, busy.request_percentile(0.5));
-    printf("| scan request p99 ms, idle / busy | %.3f / %.3f | |\n", idle.request_percentile(0.99),
-           busy.request_percentile(0.99));
-    printf("| scan jobs/s, idle / busy | %.0f / %.0f | |\n", idle.jobs_per_s(), busy.jobs_per_s());
-    const double ratio = idle.request_percentile(0.5) > 0 ? busy.request_percentile(0.5) / idle.request_percentile(0.5) : 0;
-    printf("| scan p50 busy / idle | %.3f | <= 1.10 |\n", ratio);
-    printf("\nFailed scans: %d idle, %d busy; worker exit status after SIGTERM: %d\n", idle.failures, busy.failures,
-           worker_status);
-    return idle.failures + busy.failures ? 2 : 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -798,5 +796,5 @@ int main(int argc, char** argv)
     // The harness's own connections log only what goes wrong.
     log_set_level(FQLOG_ERROR);
     install_interrupt_handlers();
-    return o.queue ? s_run_queue(o) : s_run(o);
+    return s_run(o);
 }

@@ -6,12 +6,15 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
+#include <thread>
 #include <vector>
 
 #include "fq_log.h"
 #include "fq_raii.h"
 #include "nats_server.h"
+#include "process_util.h"
 
 namespace fqbench {
 
@@ -83,30 +86,28 @@ double queue_delivery_rate(const std::string& rundir, fq_connection_config* cfg,
     return all ? count / s : 0;
 }
 
-bool QueueFeeder::start()
+int queue_fill(const std::string& rundir, const std::string& record, int count)
 {
-    fq_pqueue* q = s_open(rundir_);
+    fq_pqueue* q = s_open(rundir);
     if (!q)
-        return false;
-    thread_ = std::thread([this, q] {
-        while (!stop_) {
-            if (fq_pqueue_pending(q, "LE") >= low_) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                continue;
-            }
-            for (int i = 0; i < low_ / 2 && !stop_; ++i)
-                pushed_ += fq_pqueue_push(q, i % 2 ? 'E' : 'L', record_.data(), record_.size()) == 0;
-        }
-        fq_pqueue_close(q);
-    });
-    return true;
+        return 0;
+    // Under the claim lock, so that the dispatcher starts on the whole backlog at once.
+    while (fq_pqueue_lock(q) != 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    int pushed = 0;
+    for (int i = 0; i < count; ++i)
+        pushed += fq_pqueue_push(q, i % 2 ? 'E' : 'L', record.data(), record.size()) == 0;
+    fq_pqueue_unlock(q);
+    fq_pqueue_close(q);
+    return pushed;
 }
 
-void QueueFeeder::stop()
+int queue_depth(const std::string& rundir)
 {
-    stop_ = true;
-    if (thread_.joinable())
-        thread_.join();
+    int n = 0;
+    for (const std::string& name : fqtest::list_dir(rundir + "/" + s_queue_name + "/data"))
+        n += name[0] == 'L' || name[0] == 'E' || name.rfind("claimed_", 0) == 0;
+    return n;
 }
 
 }  // namespace fqbench

@@ -4,9 +4,7 @@
 
 #include <nats/nats.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 
 #include "fq_connection_client.h"
 
@@ -25,28 +23,10 @@ double queue_push_rate(const std::string& dir, int threads, int count, const std
 double queue_delivery_rate(const std::string& rundir, fq_connection_config* cfg, natsConnection* peer, int count,
                            const std::string& record);
 
-// Keeps at least low entries waiting in the queue below rundir, from a thread of its own, so that the
-// dispatcher that serves it never runs dry.
-class QueueFeeder {
-public:
-    QueueFeeder(std::string rundir, std::string record, int low)
-        : rundir_(std::move(rundir)), record_(std::move(record)), low_(low)
-    {
-    }
-    ~QueueFeeder() { stop(); }
-    QueueFeeder(const QueueFeeder&) = delete;
-    QueueFeeder& operator=(const QueueFeeder&) = delete;
-    bool start();
-    void stop();
-    long pushed() const { return pushed_.load(); }
-
-private:
-    std::string rundir_;
-    std::string record_;
-    int low_;
-    std::atomic<bool> stop_{false};
-    std::atomic<long> pushed_{0};
-    std::thread thread_;
-};
+// Pushes count records into the queue below rundir (the worker's) while holding its claim lock;
+// the number pushed.
+int queue_fill(const std::string& rundir, const std::string& record, int count);
+// Entries waiting in the queue below rundir or claimed by a dispatcher.
+int queue_depth(const std::string& rundir);
 
 }  // namespace fqbench

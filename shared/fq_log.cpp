@@ -14,6 +14,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -306,6 +307,9 @@ void* fq_log_dequeue_thread(void* param)
         log_debug("Log dequeue thread ending");
         return nullptr;
     }
+    // Delivery is background work: while the machine is busy, the scans go first.
+    if (setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), FQ_LOG_DISPATCHER_NICE) != 0)
+        log_debug("Could not lower the priority of the log dequeue thread: %s", FQstrerror(errno));
     fq_pqueue_reclaim_stale_claims(p->pq, FQ_LOG_STALE_CLAIM_AGE_SECS);
     int delay = 0;
     while (!p->killed) {

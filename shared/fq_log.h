@@ -22,6 +22,7 @@
 #define FQ_LOG_BACKOFF_MAX_MS 2000
 #define FQ_LOG_BUSY_SLEEP_MS 50
 #define FQ_LOG_IDLE_SLEEP_MS 250
+#define FQ_LOG_DISPATCHER_NICE 19
 
 typedef json_object fq_log_message;
 

@@ -258,7 +258,10 @@ fq_pqueue* fq_pqueue_open(const char* rundir, const char* qname, size_t max_entr
     fq_pqueue* q = s_new_object(path, qname, max_entries, maxsize_on_disk, if_full);
     if (!q)
         return nullptr;
-    if (s_read_controlfile(q) != 0)
+    // A queue that lost its control file gets a new one with the caller's limits: without it no
+    // claim could ever take the lock.
+    const int written = s_write_controlfile(q, true);
+    if (written < 0 || (written > 0 && s_read_controlfile(q) != 0))
         log_error("Failed to read controlfile");
     // A data/ removed from outside would make every push fail.
     if (!s_make_dir(q->queue_data_dir))

@@ -96,6 +96,13 @@ TEST_F(PQueue, NewQueueLayoutAndAControlFileThatWinsOverTheCaller)
     ASSERT_TRUE(bad);
     EXPECT_EQ(bad->max_elements, 7u);
     EXPECT_TRUE(err.contains("Failed to read controlfile"));
+    bad.reset();
+
+    // A lost control file comes back with the caller's limits, and with it the lock.
+    ASSERT_EQ(unlink((dir / "t.pq/control").c_str()), 0);
+    QueuePtr lost = open(8, 80, FAIL);
+    EXPECT_EQ(read_file(dir / "t.pq/control"), "8\n80\n2\n");
+    EXPECT_EQ(fq_pqueue_lock(lost.get()), 0);
 }
 
 TEST_F(PQueue, PathThatIsAPlainFileIsNotWritable)
