@@ -190,6 +190,8 @@ int fq_log_send_event(fq_pqueue* pqueue, fq_av_event_type_t type, const char* re
 // ---------------------------------------------------------------------------
 // The dispatcher
 
+std::atomic<int> fq_log_foreground_requests{0};
+
 namespace {
 
 // Sleeps in short steps so that a stop request is seen within one of them.
@@ -264,6 +266,8 @@ void s_deliver_batch(fq_log_thread_param_t* p, fq_pqueue_data** batch, int count
             if (unlink(e->id) != 0)
                 log_error("Failed to remove %s: %s", e->id, FQstrerror(errno));
             *delay = 0;
+            if (fq_log_foreground_requests > 0)
+                s_sleep_unless_killed(p, FQ_LOG_FOREGROUND_PAUSE_MS);
             continue;
         }
         log_error("Failed to send log/event entry %s; restoring for retry", e->id);

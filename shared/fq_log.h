@@ -23,6 +23,7 @@
 #define FQ_LOG_BUSY_SLEEP_MS 50
 #define FQ_LOG_IDLE_SLEEP_MS 250
 #define FQ_LOG_DISPATCHER_NICE 19
+#define FQ_LOG_FOREGROUND_PAUSE_MS 5
 
 typedef json_object fq_log_message;
 
@@ -59,6 +60,10 @@ int fq_log_enqueue(fq_pqueue* pqueue, char prefix, fq_log_message* log);
 int fq_log_send_event(fq_pqueue* pqueue, fq_av_event_type_t type, const char* realmID, const char* SID,
                       const char* filename, const char* errormsg, const char* blocking_reason,
                       const char* event_message, fq_secretbox_key_t* secretboxKey);
+
+// Requests the process is serving right now. While there are any, the dispatcher pauses between two
+// deliveries, so that a backlog never competes with them for the broker and the CPU.
+extern std::atomic<int> fq_log_foreground_requests;
 
 // The dispatcher of one process. killed is its own stop request, not the process's stop flag: the
 // dispatcher outlives that one.

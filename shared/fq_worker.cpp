@@ -445,7 +445,9 @@ int s_dispatch_scan(fq_const_request_reply_t* rr, json_object* request_json, fq_
         thread && thread->global_parameters ? thread->global_parameters->config : nullptr;
     if (thread)
         thread->currentstatus = BUSY;
+    ++fq_log_foreground_requests;  // the log dispatcher holds back meanwhile
     int rc = fq_worker_handle_scan_request(config, rr, request_json, thread, clean);
+    --fq_log_foreground_requests;
     if (thread)
         thread->currentstatus = READY;
     if (rc != 0) {
