@@ -633,7 +633,8 @@ int s_run_queue(const Options& o, const fqtest::TempDir& dir, const Broker& brok
     printf("| scan request p99 ms, idle / busy | %.3f / %.3f | |\n", idle.request_percentile(0.99),
            busy.request_percentile(0.99));
     printf("| scan jobs/s, idle / busy | %.0f / %.0f | |\n", idle.jobs_per_s(), busy.jobs_per_s());
-    const double ratio = idle.request_percentile(0.5) > 0 ? busy.request_percentile(0.5) / idle.request_percentile(0.5) : 0;
+    const double idle_p50 = idle.request_percentile(0.5);
+    const double ratio = idle_p50 > 0 ? busy.request_percentile(0.5) / idle_p50 : 0;
     printf("| scan p50 busy / idle | %.3f | <= 1.10 |\n", ratio);
     printf("\nFailed scans: %d idle, %d busy; worker exit status after SIGTERM: %d\n", idle.failures, busy.failures,
            worker_status);

@@ -35,7 +35,8 @@ std::string queue_sample_record()
 {
     fq_json_ptr record(fq_log_create_message());
     json_object* data = json_object_new_object();
-    json_object_object_add(data, "Message", json_object_new_string("Scan proxy worker, PID 4242 ready with 50 threads"));
+    json_object_object_add(data, "Message",
+                           json_object_new_string("Scan proxy worker, PID 4242 ready with 50 threads"));
     fq_log_add_log_section(record.get(), "StatusLog", nullptr, data);
     return json_object_to_json_string_ext(record.get(), JSON_C_TO_STRING_PLAIN);
 }

@@ -94,7 +94,8 @@ TEST_F(LogRecords, HeaderIsInOrderInUtcWithAnIdOfItsOwn)
     ASSERT_TRUE(a && b);
 
     EXPECT_EQ(keys_of(a.get()),
-              (std::vector<std::string>{"LogVersion", "Timestamp", "Timestamp_epoch", "Component", "Hostname", "EventID"}));
+              (std::vector<std::string>{"LogVersion", "Timestamp", "Timestamp_epoch", "Component", "Hostname",
+                                        "EventID"}));
     EXPECT_EQ(json_object_get_int(member(a.get(), "LogVersion")), 1);
     EXPECT_STREQ(str(a.get(), "Component"), "fq-av-scanproxy");
     const time_t epoch = json_object_get_int64(member(a.get(), "Timestamp_epoch"));
@@ -139,8 +140,8 @@ TEST_F(LogRecords, SectionsCarryLogDataAndTheRealmWhenThereIsOne)
 
 TEST_F(LogRecords, EventsHaveCommand501AndOnlyTheMembersGiven)
 {
-    ASSERT_EQ(fq_log_send_event(q, WORKER_EVENT_START_OK, nullptr, nullptr, nullptr, nullptr, nullptr, "ready", nullptr),
-              0);
+    ASSERT_EQ(
+        fq_log_send_event(q, WORKER_EVENT_START_OK, nullptr, nullptr, nullptr, nullptr, nullptr, "ready", nullptr), 0);
     ASSERT_EQ(fq_log_send_event(q, WORKER_EVENT_START_ERROR, "", "sid", "f.zip", "boom", "blocked", "failed", nullptr),
               0);
     const auto events = queued("E");
