@@ -2,7 +2,6 @@
 // the queue when a sink is away or refuses, and what a stop leaves behind.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "fq_log.h"
+#include "json_util.h"
 #include "nats_server.h"
 #include "process_util.h"
 #include "stderr_capture.h"
@@ -55,18 +55,11 @@ protected:
     static std::vector<std::string> ns(const fqtest::Responder& sink)
     {
         std::vector<std::string> out;
-        for (const std::string& body : sink.bodies()) {
-            json_object* o = json_tokener_parse(body.c_str());
-            json_object* n = nullptr;
-            out.emplace_back(o && json_object_object_get_ex(o, "n", &n) ? json_object_get_string(n) : body);
-            json_object_put(o);
-        }
+        for (const std::string& body : sink.bodies())
+            out.push_back(fqtest::json_at(body, {"n"}));
         return out;
     }
-    static fqtest::Responder::Fn answer(const char* text)
-    {
-        return [text](const std::string&) { return std::optional<std::string>(text); };
-    }
+    static std::optional<std::string> ok(const std::string&) { return "{\"ReturnCode\": 0}"; }
 
     static inline fqtest::BrokerSuite suite_;
     fqtest::TempDir run;
@@ -88,8 +81,8 @@ TEST_F(LogDispatch, SinksThatComeLateGetEachKindOldestFirstAndCorruptEntriesAreD
     ASSERT_TRUE(fqtest::wait_for([&] { return err.count("Failed to send log/event entry") >= 2; }, 30s));
     EXPECT_EQ(entries().size(), 9u) << "nothing is lost while the sinks are away";
 
-    fqtest::Responder logs(suite_.peer, "fq-av-log", answer("{\"ReturnCode\": 0}"));
-    fqtest::Responder events(suite_.peer, "fq-av-events-dispatch", answer("{\"ReturnCode\": 0}"));
+    fqtest::Responder logs(suite_.peer, "fq-av-log", ok);
+    fqtest::Responder events(suite_.peer, "fq-av-events-dispatch", ok);
     ASSERT_TRUE(fqtest::wait_for([&] { return entries().size() == 1; }, 30s)) << ::testing::PrintToString(entries());
     EXPECT_EQ(entries(), std::vector<std::string>{"Xother.dat"});
     EXPECT_EQ(ns(logs), (std::vector<std::string>{"L1", "L2", "L3"}));
@@ -135,9 +128,9 @@ TEST_F(LogDispatch, RefusedEntryIsRestoredAndRetriedWithGrowingDelays)
 
 TEST_F(LogDispatch, StopInTheMiddleOfABatchGivesTheRestBack)
 {
-    fqtest::Responder logs(suite_.peer, "fq-av-log", [](const std::string&) {
+    fqtest::Responder logs(suite_.peer, "fq-av-log", [](const std::string& body) {
         std::this_thread::sleep_for(100ms);  // a slow sink keeps the dispatcher inside its batch
-        return std::optional<std::string>("{\"ReturnCode\": 0}");
+        return ok(body);
     });
     for (int i = 0; i < 40; ++i)
         push('L', std::to_string(i));

@@ -3,7 +3,6 @@
 // several processes on one queue, and a full queue.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -11,51 +10,39 @@
 #include <map>
 #include <set>
 #include <sstream>
-#include <tuple>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fq_pqueue.h"
-#include "fq_raii.h"
+#include "json_util.h"
 #include "worker_fixture.h"
 
 using namespace std::chrono_literals;
+using fqtest::json_at;
 using fqtest::read_file;
 
 namespace {
 
 const std::string kQueue = "fq-av-scanproxy.pq";
 
-struct Record {
-    std::string event_id;
-    int type = 0;          // events: Event.Type
-    std::string message;   // StatusLog message, or Event-Message
-    int64_t epoch = 0;
-};
-
-// The lines a sink wrote, parsed.
-std::vector<Record> s_records(const std::string& path)
+std::vector<std::string> s_lines(const std::string& path)
 {
-    std::vector<Record> out;
+    std::vector<std::string> out;
     std::istringstream in(read_file(path));
-    for (std::string line; std::getline(in, line);) {
-        fq_json_ptr o(json_tokener_parse(line.c_str()));
-        json_object *v = nullptr, *ev = nullptr;
-        Record r;
-        if (json_object_object_get_ex(o.get(), "EventID", &v))
-            r.event_id = json_object_get_string(v);
-        if (json_object_object_get_ex(o.get(), "Timestamp_epoch", &v))
-            r.epoch = json_object_get_int64(v);
-        if (json_object_object_get_ex(o.get(), "Event", &ev)) {
-            if (json_object_object_get_ex(ev, "Type", &v))
-                r.type = json_object_get_int(v);
-            if (json_object_object_get_ex(ev, "Event-Message", &v))
-                r.message = json_object_get_string(v);
-        } else if (json_object_object_get_ex(o.get(), "StatusLog", &ev) &&
-                   json_object_object_get_ex(ev, "LogData", &ev) && json_object_object_get_ex(ev, "Message", &v)) {
-            r.message = json_object_get_string(v);
-        }
-        out.push_back(r);
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
+
+// What a record says: the StatusLog message of a log record, "<Type> <Event-Message>" of an event.
+std::vector<std::string> s_said(const std::string& path)
+{
+    std::vector<std::string> out;
+    for (const std::string& l : s_lines(path)) {
+        const std::string type = json_at(l, {"Event", "Type"});
+        out.push_back(type.empty() ? json_at(l, {"StatusLog", "LogData", "Message"})
+                                   : type + " " + json_at(l, {"Event", "Event-Message"}));
     }
     return out;
 }
@@ -108,14 +95,18 @@ protected:
     {
         return fqtest::wait_until([&] { return s_count(env.trace_text(), text) >= n; }, limit);
     }
+    bool wait_said(const std::string& path, const std::string& what)
+    {
+        return fqtest::wait_until([&] { return s_count(read_file(path), what) > 0; }, 60s);
+    }
     std::string data() const { return env.basedir + "/run/" + kQueue + "/data"; }
+    std::vector<std::string> entries() const { return fqtest::list_dir(data()); }
     // A queue made before any worker, with limits in its control file that every worker keeps.
     void make_queue(size_t max_entries)
     {
-        fq_pqueue* q = fq_pqueue_open((env.basedir + "/run").c_str(), kQueue.c_str(), max_entries, 50000000, O_CREAT,
-                                      RINGBUFFER);
-        ASSERT_NE(q, nullptr);
-        fq_pqueue_close(q);
+        const std::string run = env.basedir + "/run";
+        ASSERT_EQ(fq_pqueue_close(fq_pqueue_open(run.c_str(), kQueue.c_str(), max_entries, 50000000, O_CREAT, FAIL)),
+                  0);
     }
 
     fqtest::WorkerEnv env;
@@ -131,37 +122,28 @@ TEST_F(WorkerRecords, SinksThatComeLateGetEveryRecordOfEveryStartInOrderPerKind)
 {
     const fqtest::Child first = worker();
     ASSERT_TRUE(env.wait_ready()) << read_file(first.stderr_path);
-    ASSERT_TRUE(fqtest::wait_until([&] { return fqtest::list_dir(data()).size() >= 2; }, 10s));
+    ASSERT_TRUE(fqtest::wait_until([&] { return entries().size() >= 2; }, 10s));
     EXPECT_EQ(stop(first), 0);
     const fqtest::Child second = worker();
     ASSERT_TRUE(wait_trace_count("ready with 2 threads", 2)) << read_file(second.stderr_path);
 
     start_sinks();
-    ASSERT_TRUE(fqtest::wait_until(
-        [&] { return s_records(log_file).size() >= 3 && s_records(event_file).size() >= 3; }, 60s))
-        << read_file(log_file) << read_file(event_file);
+    ASSERT_TRUE(fqtest::wait_until([&] { return s_lines(log_file).size() >= 3 && s_lines(event_file).size() >= 3; },
+                                   60s));
     const std::string one = "Scan proxy worker, PID " + std::to_string(first.pid);
     const std::string two = "Scan proxy worker, PID " + std::to_string(second.pid);
-    const std::vector<std::string> expected = {one + " ready with 2 threads", one + " shutting down",
-                                               two + " ready with 2 threads"};
-    std::vector<std::string> logs, events;
-    std::vector<int> types;
-    for (const Record& r : s_records(log_file))
-        logs.push_back(r.message);
-    for (const Record& r : s_records(event_file)) {
-        events.push_back(r.message);
-        types.push_back(r.type);
-    }
-    EXPECT_EQ(logs, expected);
-    EXPECT_EQ(events, expected);
-    EXPECT_EQ(types, (std::vector<int>{3010, 3030, 3010}));
+    EXPECT_EQ(s_said(log_file), (std::vector<std::string>{one + " ready with 2 threads", one + " shutting down",
+                                                          two + " ready with 2 threads"}));
+    EXPECT_EQ(s_said(event_file), (std::vector<std::string>{"3010 " + one + " ready with 2 threads",
+                                                            "3030 " + one + " shutting down",
+                                                            "3010 " + two + " ready with 2 threads"}));
     EXPECT_EQ(stop(second), 0);
-    EXPECT_EQ(s_records(log_file).size(), 4u) << "the last record of a stop with the sinks there is delivered";
-    EXPECT_TRUE(fqtest::list_dir(data()).empty());
+    EXPECT_EQ(s_lines(log_file).size(), 4u) << "the last record of a stop with the sinks there is delivered";
+    EXPECT_TRUE(entries().empty());
 }
 
-// A worker killed while it is delivering leaves its claimed entries on disk; a start after they
-// have aged past the stale-claim age gives them back to the queue and delivers them.
+// A worker killed while it is delivering leaves its claimed entry on disk; a start after it has
+// aged past the stale-claim age gives it back to the queue and delivers it.
 TEST_F(WorkerRecords, RecordsClaimedByAKilledWorkerAreDeliveredByALaterStart)
 {
     const fqtest::Child first = [&] {
@@ -172,38 +154,27 @@ TEST_F(WorkerRecords, RecordsClaimedByAKilledWorkerAreDeliveredByALaterStart)
         const std::string claimed = "claimed_" + std::to_string(w.pid) + "_";
         EXPECT_TRUE(fqtest::wait_until(
             [&] {
-                int log = 0, event = 0;
-                for (const auto& n : fqtest::list_dir(data())) {
-                    log += n.rfind(claimed + "L", 0) == 0;
-                    event += n.rfind(claimed + "E", 0) == 0;
-                }
-                return log == 1 && event == 0;
+                std::ostringstream names;
+                for (const auto& n : entries())
+                    names << n << "\n";
+                return s_count(names.str(), claimed + "L") == 1 && s_count(names.str(), claimed + "E") == 0;
             },
             30s));
         EXPECT_EQ(stop(w, SIGKILL), 128 + SIGKILL);
         return w;
     }();
     ASSERT_FALSE(HasFailure());
-    // Two hours old: past the age at which a claim counts as abandoned.
-    for (const auto& name : fqtest::list_dir(data())) {
+    for (const auto& name : entries()) {
         struct timeval tv[2];
         gettimeofday(&tv[0], nullptr);
-        tv[0].tv_sec -= 7200;
+        tv[0].tv_sec -= 7200;  // past the age at which a claim counts as abandoned
         tv[1] = tv[0];
         ASSERT_EQ(utimes((data() + "/" + name).c_str(), tv), 0);
     }
 
     start_sinks();
     const fqtest::Child second = worker();
-    const std::string ready = "Scan proxy worker, PID " + std::to_string(first.pid) + " ready with 2 threads";
-    ASSERT_TRUE(fqtest::wait_until(
-        [&] {
-            for (const Record& r : s_records(log_file))
-                if (r.message == ready)
-                    return true;
-            return false;
-        },
-        60s))
+    EXPECT_TRUE(wait_said(log_file, "PID " + std::to_string(first.pid) + " ready with 2 threads"))
         << read_file(log_file);
     EXPECT_TRUE(env.trace_has("Re-entered 1 stale claimed queue entry into the dispatch pool"));
     EXPECT_EQ(stop(second), 0);
@@ -216,8 +187,7 @@ TEST_F(WorkerRecords, BrokerAwayForTenSecondsLosesNoRecord)
     const fqtest::Child w = worker({"--autoscale", "--autoscale-monitoring-period", "2"});
     // The main loop's own line, once per event (the record's text shows up in other lines too).
     const std::string lwm = "s_report_load(): Load Low-Water mark met";
-    ASSERT_TRUE(wait_trace_count(lwm, 1)) << read_file(w.stderr_path);
-    ASSERT_TRUE(fqtest::wait_until([&] { return !s_records(event_file).empty(); }, 30s));
+    ASSERT_TRUE(wait_said(event_file, "Low-Water")) << read_file(w.stderr_path);
 
     env.server.stop();
     const auto down_at = std::chrono::steady_clock::now();
@@ -228,13 +198,12 @@ TEST_F(WorkerRecords, BrokerAwayForTenSecondsLosesNoRecord)
     std::string error;
     ASSERT_TRUE(env.server.start(&error)) << error;
     const int64_t back_at = time(nullptr);
-    start_sinks();
 
     const bool delivered = fqtest::wait_until(
         [&] {
             start_sinks();  // a sink whose connection gave up during the outage has ended
-            for (const Record& r : s_records(event_file))
-                if (r.epoch >= back_at)
+            for (const std::string& l : s_lines(event_file))
+                if (std::stoll("0" + json_at(l, {"Timestamp_epoch"})) >= back_at)
                     return true;
             return false;
         },
@@ -245,15 +214,11 @@ TEST_F(WorkerRecords, BrokerAwayForTenSecondsLosesNoRecord)
     EXPECT_EQ(stop(w), 0);
 
     std::set<std::string> ids;
-    int load_events = 0;
-    for (const std::string& file : {log_file, event_file}) {
-        for (const Record& r : s_records(file)) {
-            EXPECT_TRUE(ids.insert(r.event_id).second) << "delivered twice: " << r.event_id;
-            load_events += r.type == 3070;
-        }
-    }
-    EXPECT_EQ(load_events, s_count(env.trace_text(), lwm));
-    EXPECT_TRUE(fqtest::list_dir(data()).empty());
+    for (const std::string& file : {log_file, event_file})
+        for (const std::string& l : s_lines(file))
+            EXPECT_TRUE(ids.insert(json_at(l, {"EventID"})).second) << "delivered twice: " << l;
+    EXPECT_EQ(s_count(read_file(event_file), "\"Type\":3070"), s_count(env.trace_text(), lwm));
+    EXPECT_TRUE(entries().empty());
 }
 
 // 4 processes push 2,500 records each into the queue of two workers that share a base directory;
@@ -266,25 +231,22 @@ TEST_F(WorkerRecords, SeveralProcessesShareOneQueueAndEveryRecordArrivesOnce)
     std::mutex mu;
     std::map<std::string, int> seen;
     auto sink = [&](const std::string& body) {
-        fq_json_ptr o(json_tokener_parse(body.c_str()));
-        json_object* id = nullptr;
-        if (json_object_object_get_ex(o.get(), "id", &id)) {
-            std::lock_guard<std::mutex> lock(mu);
-            ++seen[json_object_get_string(id)];
-        }
+        const std::string id = json_at(body, {"id"});  // the workers' own records have none
+        std::lock_guard<std::mutex> lock(mu);
+        if (!id.empty())
+            ++seen[id];
         return std::optional<std::string>("{\"ReturnCode\": 0}");
     };
     fqtest::Responder logs(env.peer, "fq-av-log", sink);
     fqtest::Responder events(env.peer, "fq-av-events-dispatch", sink);
-
-    const fqtest::Child a = env.spawn_worker({"--console-mode", "--worker-threads", "1"});
-    const fqtest::Child b = env.spawn_worker({"--console-mode", "--worker-threads", "1"});
+    const fqtest::Child a = worker();
+    const fqtest::Child b = worker();
     std::vector<pid_t> pushers;
     for (int p = 0; p < kPushers; ++p) {
         const pid_t pid = fork();
         if (pid == 0) {
             fq_pqueue* q = fq_pqueue_open((env.basedir + "/run").c_str(), kQueue.c_str(), 1, 1, O_CREAT, FAIL);
-            int failed = q ? 0 : kPerPusher;
+            int failed = q ? 0 : 1;
             for (int i = 0; q && i < kPerPusher; ++i) {
                 const std::string text = "{\"id\": \"" + std::to_string(p) + "-" + std::to_string(i) + "\"}";
                 failed += fq_pqueue_push(q, i % 2 ? 'E' : 'L', text.data(), text.size()) != 0;
@@ -298,14 +260,13 @@ TEST_F(WorkerRecords, SeveralProcessesShareOneQueueAndEveryRecordArrivesOnce)
         EXPECT_TRUE(fqtest::wait_exit(pid, 60s, &status));
         EXPECT_EQ(status, 0);
     }
-    const bool all = fqtest::wait_until(
+    EXPECT_TRUE(fqtest::wait_until(
         [&] {
             std::lock_guard<std::mutex> lock(mu);
             return seen.size() == static_cast<size_t>(kPushers * kPerPusher);
         },
-        60s);
-    EXPECT_TRUE(all) << seen.size();
-    EXPECT_TRUE(fqtest::wait_until([&] { return fqtest::list_dir(data()).empty(); }, 10s));
+        60s));
+    EXPECT_TRUE(fqtest::wait_until([&] { return entries().empty(); }, 10s));
     {
         std::lock_guard<std::mutex> lock(mu);
         for (const auto& [id, n] : seen)
@@ -313,10 +274,10 @@ TEST_F(WorkerRecords, SeveralProcessesShareOneQueueAndEveryRecordArrivesOnce)
     }
     // Both dispatchers took their part.
     const std::string trace = env.trace_text();
-    for (const fqtest::Child& w : {a, b})
+    for (const fqtest::Child& w : {a, b}) {
         EXPECT_GT(s_count(trace, "claimed_" + std::to_string(w.pid) + "_"), 0) << w.pid;
-    for (const fqtest::Child& w : {a, b})
         EXPECT_EQ(stop(w), 0);
+    }
 }
 
 // A queue at its limit refuses the worker's records with the warning; the worker serves all the same.
@@ -330,7 +291,7 @@ TEST_F(WorkerRecords, FullQueueRefusesRecordsAndTheWorkerGoesOnServing)
     ASSERT_TRUE(wait_trace_count("Queue full: 3 Elements (max 3)", 2, 10s));
     EXPECT_EQ(env.request("fq-av-scanproxy", "{\"Command\": 3}").value_or("no reply"), "{\"ReturnCode\": 0}");
     EXPECT_EQ(stop(w), 0);
-    EXPECT_EQ(fqtest::list_dir(data()), (std::vector<std::string>{"Xa.dat", "Xb.dat", "Xc.dat"}));
+    EXPECT_EQ(entries(), (std::vector<std::string>{"Xa.dat", "Xb.dat", "Xc.dat"}));
 }
 
 }  // namespace

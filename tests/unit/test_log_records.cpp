@@ -1,7 +1,6 @@
 // Log records and events as they are queued for fq-av-log and fq-av-events-dispatch.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <sodium.h>
 #include <stdlib.h>
 #include <time.h>
@@ -12,33 +11,15 @@
 #include "fq_log.h"
 #include "fq_raii.h"
 #include "fq_uuid.h"
+#include "json_util.h"
 #include "process_util.h"
 #include "stderr_capture.h"
 
+using fqtest::json_at;
+using fqtest::json_keys;
+using Keys = std::vector<std::string>;
+
 namespace {
-
-std::vector<std::string> keys_of(json_object* obj)
-{
-    std::vector<std::string> keys;
-    json_object_object_foreach(obj, k, v)
-    {
-        (void)v;
-        keys.emplace_back(k);
-    }
-    return keys;
-}
-
-const char* str(json_object* obj, const char* key)
-{
-    json_object* v = nullptr;
-    return json_object_object_get_ex(obj, key, &v) ? json_object_get_string(v) : nullptr;
-}
-
-json_object* member(json_object* obj, const char* key)
-{
-    json_object* v = nullptr;
-    return json_object_object_get_ex(obj, key, &v) ? v : nullptr;
-}
 
 json_object* message_data(const char* text)
 {
@@ -49,11 +30,7 @@ json_object* message_data(const char* text)
 
 class LogRecords : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        q = fq_pqueue_open(dir.path().c_str(), "r.pq", 100, 1000000, O_CREAT, RINGBUFFER);
-        ASSERT_NE(q, nullptr);
-    }
+    void SetUp() override { ASSERT_NE(q, nullptr); }
     void TearDown() override { fq_pqueue_close(q); }
 
     // The queued entries of one kind, parsed, oldest first.
@@ -75,7 +52,7 @@ protected:
     }
 
     fqtest::TempDir dir;
-    fq_pqueue* q = nullptr;
+    fq_pqueue* q = fq_pqueue_open(dir.path().c_str(), "r.pq", 100, 1000000, O_CREAT, RINGBUFFER);
 };
 
 TEST_F(LogRecords, HeaderIsInOrderInUtcWithAnIdOfItsOwn)
@@ -86,29 +63,26 @@ TEST_F(LogRecords, HeaderIsInOrderInUtcWithAnIdOfItsOwn)
     tzset();
     fq_json_ptr a(fq_log_create_message());
     fq_json_ptr b(fq_log_create_message());
-    if (tz)
-        setenv("TZ", saved.c_str(), 1);
-    else
-        unsetenv("TZ");
+    tz ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
     tzset();
     ASSERT_TRUE(a && b);
 
-    EXPECT_EQ(keys_of(a.get()),
-              (std::vector<std::string>{"LogVersion", "Timestamp", "Timestamp_epoch", "Component", "Hostname",
-                                        "EventID"}));
-    EXPECT_EQ(json_object_get_int(member(a.get(), "LogVersion")), 1);
-    EXPECT_STREQ(str(a.get(), "Component"), "fq-av-scanproxy");
-    const time_t epoch = json_object_get_int64(member(a.get(), "Timestamp_epoch"));
+    EXPECT_EQ(json_keys(a.get()),
+              (Keys{"LogVersion", "Timestamp", "Timestamp_epoch", "Component", "Hostname", "EventID"}));
+    EXPECT_EQ(json_at(a.get(), {"LogVersion"}), "1");
+    EXPECT_EQ(json_at(a.get(), {"Component"}), "fq-av-scanproxy");
+    const time_t epoch = std::stoll(json_at(a.get(), {"Timestamp_epoch"}));
     struct tm tm;
     char utc[32];
     strftime(utc, sizeof(utc), "%Y-%m-%d %H:%M:%S", gmtime_r(&epoch, &tm));
-    EXPECT_STREQ(str(a.get(), "Timestamp"), utc);
+    EXPECT_EQ(json_at(a.get(), {"Timestamp"}), utc);
     EXPECT_LE(labs(epoch - time(nullptr)), 5);
 
     uint64_t t = 0;
-    EXPECT_EQ(fq_uuid_text_time(str(a.get(), "EventID"), &t), 0) << "time-based";
-    EXPECT_EQ(strlen(str(a.get(), "EventID")), 36u);
-    EXPECT_STRNE(str(a.get(), "EventID"), str(b.get(), "EventID"));
+    const std::string id = json_at(a.get(), {"EventID"});
+    EXPECT_EQ(fq_uuid_text_time(id.c_str(), &t), 0) << "time-based";
+    EXPECT_EQ(id.size(), 36u);
+    EXPECT_NE(id, json_at(b.get(), {"EventID"}));
     EXPECT_EQ(fq_log_create_message_with_eventID(nullptr), nullptr);
 }
 
@@ -116,15 +90,15 @@ TEST_F(LogRecords, SectionsCarryLogDataAndTheRealmWhenThereIsOne)
 {
     fq_json_ptr rec(fq_log_create_message());
     EXPECT_EQ(fq_log_add_log_section(rec.get(), "StatusLog", "", message_data("up")), 0);
-    EXPECT_EQ(member(rec.get(), "realmID"), nullptr) << "an empty realm adds no key";
+    EXPECT_EQ(json_at(rec.get(), {"realmID"}), "") << "an empty realm adds no key";
     EXPECT_EQ(fq_log_add_log_section(rec.get(), "ErrorLog", "r1", message_data("bad")), 0);
     EXPECT_EQ(fq_log_add_log_section(rec.get(), "UpdateLog", "r2", message_data("new")), 0);
     const std::string before = json_object_to_json_string(rec.get());
     EXPECT_EQ(fq_log_add_log_section(rec.get(), "StatusLog", "r3", nullptr), -1);
     EXPECT_EQ(json_object_to_json_string(rec.get()), before) << "a failed call leaves the record as it was";
-    EXPECT_STREQ(str(rec.get(), "realmID"), "r2");
-    EXPECT_STREQ(str(member(member(rec.get(), "ErrorLog"), "LogData"), "Message"), "bad");
-    EXPECT_STREQ(str(member(member(rec.get(), "StatusLog"), "LogData"), "Message"), "up");
+    EXPECT_EQ(json_at(rec.get(), {"realmID"}), "r2");
+    EXPECT_EQ(json_at(rec.get(), {"ErrorLog", "LogData", "Message"}), "bad");
+    EXPECT_EQ(json_at(rec.get(), {"StatusLog", "LogData", "Message"}), "up");
 
     ASSERT_EQ(fq_log_enqueue(q, 'L', rec.get()), 0);
     const auto logs = queued("L");
@@ -146,18 +120,17 @@ TEST_F(LogRecords, EventsHaveCommand501AndOnlyTheMembersGiven)
               0);
     const auto events = queued("E");
     ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(keys_of(events[0].get()), (std::vector<std::string>{"LogVersion", "Timestamp", "Timestamp_epoch",
-                                                                  "Component", "Hostname", "EventID", "Command",
-                                                                  "Event"}));
-    EXPECT_EQ(json_object_get_int(member(events[0].get(), "Command")), 501);
-    json_object* ev = member(events[0].get(), "Event");
-    EXPECT_EQ(keys_of(ev), (std::vector<std::string>{"Type", "Event-Message"}));
-    EXPECT_EQ(json_object_get_int(member(ev, "Type")), 3010);
+    EXPECT_EQ(json_keys(events[0].get()), (Keys{"LogVersion", "Timestamp", "Timestamp_epoch", "Component", "Hostname",
+                                                "EventID", "Command", "Event"}));
+    EXPECT_EQ(json_at(events[0].get(), {"Command"}), "501");
+    json_object* ev = json_object_object_get(events[0].get(), "Event");
+    EXPECT_EQ(json_keys(ev), (Keys{"Type", "Event-Message"}));
+    EXPECT_EQ(json_at(ev, {"Type"}), "3010");
 
-    EXPECT_STREQ(str(events[1].get(), "realmID"), "") << "any realm given to an event is kept, also an empty one";
-    EXPECT_STREQ(str(events[1].get(), "SID"), "sid");
-    EXPECT_EQ(keys_of(member(events[1].get(), "Event")),
-              (std::vector<std::string>{"Type", "Filename", "Error", "Blocking-Reason", "Event-Message"}));
+    EXPECT_EQ(json_keys(events[1].get()).at(7), "realmID") << "any realm given to an event is kept, also an empty one";
+    EXPECT_EQ(json_at(events[1].get(), {"SID"}), "sid");
+    EXPECT_EQ(json_keys(json_object_object_get(events[1].get(), "Event")),
+              (Keys{"Type", "Filename", "Error", "Blocking-Reason", "Event-Message"}));
     EXPECT_TRUE(queued("L").empty());
 }
 
@@ -173,24 +146,22 @@ TEST_F(LogRecords, EncryptedEventOpensWithTheKeyAndTheNonceBesideIt)
 
     std::vector<std::vector<unsigned char>> nonces;
     for (size_t i = 0; i < events.size(); ++i) {
-        const char* b64 = str(events[i].get(), "Event");
-        const char* hex = str(events[i].get(), "Nonce");
-        ASSERT_TRUE(b64 && hex);
+        const std::string b64 = json_at(events[i].get(), {"Event"});
+        const std::string hex = json_at(events[i].get(), {"Nonce"});
         std::vector<unsigned char> nonce(crypto_secretbox_NONCEBYTES);
-        ASSERT_EQ(sodium_hex2bin(nonce.data(), nonce.size(), hex, strlen(hex), nullptr, nullptr, nullptr), 0);
-        std::vector<unsigned char> sealed(strlen(b64));
-        size_t sealed_len = 0;
-        ASSERT_EQ(sodium_base642bin(sealed.data(), sealed.size(), b64, strlen(b64), nullptr, &sealed_len, nullptr,
+        ASSERT_EQ(sodium_hex2bin(nonce.data(), nonce.size(), hex.c_str(), hex.size(), nullptr, nullptr, nullptr), 0);
+        std::vector<unsigned char> sealed(b64.size());
+        size_t len = 0;
+        ASSERT_EQ(sodium_base642bin(sealed.data(), sealed.size(), b64.c_str(), b64.size(), nullptr, &len, nullptr,
                                     sodium_base64_VARIANT_ORIGINAL),
                   0);
-        std::string plain(sealed_len - crypto_secretbox_MACBYTES, '\0');
-        ASSERT_EQ(crypto_secretbox_open_easy(reinterpret_cast<unsigned char*>(plain.data()), sealed.data(), sealed_len,
+        ASSERT_GT(len, crypto_secretbox_MACBYTES);
+        std::string plain(len - crypto_secretbox_MACBYTES, '\0');
+        ASSERT_EQ(crypto_secretbox_open_easy(reinterpret_cast<unsigned char*>(plain.data()), sealed.data(), len,
                                              nonce.data(), key->encryption_key),
                   0);
-        fq_json_ptr event(json_tokener_parse(plain.c_str()));
-        ASSERT_TRUE(event);
-        EXPECT_EQ(json_object_get_int(member(event.get(), "Type")), 3030);
-        EXPECT_STREQ(str(event.get(), "Event-Message"), i == 0 ? "first" : "second");
+        EXPECT_EQ(json_at(plain, {"Type"}), "3030");
+        EXPECT_EQ(json_at(plain, {"Event-Message"}), i == 0 ? "first" : "second");
         nonces.push_back(nonce);
     }
     // No nonce is used twice under one key: the second is the first plus one.

@@ -1,13 +1,10 @@
 // The persistent queue on disk: layout, limits, claims between threads and processes, stale claims.
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <regex>
 #include <set>
 #include <string>
@@ -18,9 +15,9 @@
 #include "process_util.h"
 #include "stderr_capture.h"
 
-using fqtest::list_dir;
 using fqtest::read_file;
 using fqtest::write_file;
+using Names = std::vector<std::string>;
 
 namespace {
 
@@ -31,36 +28,36 @@ using QueuePtr = std::unique_ptr<fq_pqueue, QueueDeleter>;
 
 class PQueue : public ::testing::Test {
 protected:
-    QueuePtr open(size_t max_entries = 10000, size_t max_size = 50000000,
-                  fq_pqueue_full_behaviour if_full = RINGBUFFER, int flags = O_CREAT)
+    QueuePtr open(size_t max_entries = 10000, size_t max_size = 50000000, fq_pqueue_full_behaviour mode = RINGBUFFER)
     {
-        return QueuePtr(fq_pqueue_open(dir.path().c_str(), "t.pq", max_entries, max_size, flags, if_full));
+        return QueuePtr(fq_pqueue_open(dir.path().c_str(), "t.pq", max_entries, max_size, O_CREAT, mode));
     }
     std::string data() const { return dir / "t.pq/data"; }
-    std::vector<std::string> entries() const { return list_dir(data()); }
+    Names entries() const { return fqtest::list_dir(data()); }
     void push(fq_pqueue* q, char prefix, const std::string& text)
     {
         ASSERT_EQ(fq_pqueue_push(q, prefix, text.data(), text.size()), 0) << text;
     }
-    // Claims with the lock held, as the dispatcher does; the contents in claim order.
-    std::vector<std::string> claim(fq_pqueue* q, const char* filter, size_t max, bool unlink_them = true)
+    // Claims with the lock held, as the dispatcher does: the contents in claim order. The files are
+    // deleted as if delivered, unless keep.
+    Names claim(fq_pqueue* q, const char* filter, size_t max, bool keep = false)
     {
-        std::vector<std::string> got;
+        Names got;
         if (fq_pqueue_lock(q) != 0)
             return got;
         fq_pqueue_data** batch = nullptr;
         const int n = fq_pqueue_claim_batch(q, filter, max, &batch);
         fq_pqueue_unlock(q);
-        if (n <= 0) {
-            EXPECT_EQ(batch, nullptr);
-        }
         for (int i = 0; i < n; ++i) {
             EXPECT_EQ(fq_pqueue_data_read(batch[i]), 0);
             got.emplace_back(static_cast<char*>(batch[i]->data), batch[i]->datalen);
-            if (unlink_them)
+            EXPECT_EQ(std::string(batch[i]->id), data() + "/claimed_" + std::to_string(getpid()) + "_" +
+                                                     std::string(batch[i]->restore_id).substr(data().size() + 1));
+            if (!keep)
                 unlink(batch[i]->id);
             fq_pqueue_data_free(batch[i]);
         }
+        EXPECT_TRUE(n > 0 || batch == nullptr);
         free(batch);
         return got;
     }
@@ -69,47 +66,31 @@ protected:
 
 TEST_F(PQueue, NewQueueLayoutAndAControlFileThatWinsOverTheCaller)
 {
-    {
-        QueuePtr q = open();
-        ASSERT_TRUE(q);
-        EXPECT_EQ(read_file(dir / "t.pq/control"), "10000\n50000000\n1\n");
-        EXPECT_TRUE(entries().empty());
+    ASSERT_TRUE(open());
+    EXPECT_EQ(read_file(dir / "t.pq/control"), "10000\n50000000\n1\n");
+    EXPECT_TRUE(entries().empty());
+    const std::vector<std::pair<std::string, unsigned>> modes = {
+        {dir / "t.pq", 0770u}, {data(), 0770u}, {dir / "t.pq/control", 0666u}};
+    for (const auto& [path, mode] : modes) {
         struct stat st;
-        ASSERT_EQ(stat((dir / "t.pq").c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 07777, 0770u);
-        ASSERT_EQ(stat(data().c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 07777, 0770u);
-        ASSERT_EQ(stat((dir / "t.pq/control").c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 07777, 0666u);
+        ASSERT_EQ(stat(path.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, mode) << path;
     }
-    QueuePtr again = open(5, 10, FAIL);
-    ASSERT_TRUE(again);
-    EXPECT_EQ(again->max_elements, 10000u);
-    EXPECT_EQ(again->max_size, 50000000u);
-    EXPECT_EQ(again->if_full, RINGBUFFER);
-    again.reset();
+    EXPECT_EQ(open(5, 10, FAIL)->max_elements, 10000u);
 
     // Values that would refuse every entry are not taken: the caller's limits stand.
     write_file(dir / "t.pq/control", "0\nlots\n1\n");
     fqtest::StderrCapture err;
-    QueuePtr bad = open(7, 70, FAIL);
-    ASSERT_TRUE(bad);
-    EXPECT_EQ(bad->max_elements, 7u);
+    EXPECT_EQ(open(7, 70, FAIL)->max_elements, 7u);
     EXPECT_TRUE(err.contains("Failed to read controlfile"));
-    bad.reset();
-
     // A lost control file comes back with the caller's limits, and with it the lock.
     ASSERT_EQ(unlink((dir / "t.pq/control").c_str()), 0);
     QueuePtr lost = open(8, 80, FAIL);
     EXPECT_EQ(read_file(dir / "t.pq/control"), "8\n80\n2\n");
     EXPECT_EQ(fq_pqueue_lock(lost.get()), 0);
-}
 
-TEST_F(PQueue, PathThatIsAPlainFileIsNotWritable)
-{
-    write_file(dir / "t.pq", "in the way");
-    fqtest::StderrCapture err;
-    EXPECT_FALSE(open());
+    write_file(dir / "plain", "in the way");
+    EXPECT_EQ(fq_pqueue_open(dir.path().c_str(), "plain", 1, 1, O_CREAT, FAIL), nullptr);
     EXPECT_TRUE(err.contains("not writable")) << err.text();
     EXPECT_EQ(fq_pqueue_open(dir.path().c_str(), "x.pq", 1, 1, O_CREAT | O_APPEND, FAIL), nullptr);
 }
@@ -121,13 +102,17 @@ TEST_F(PQueue, PushWritesOneWholeFilePerEntryNamedByKind)
     push(q.get(), 'E', "{\"b\": 2}");
     EXPECT_EQ(fq_pqueue_push(q.get(), 'L', "x", 0), -1);
     EXPECT_EQ(fq_pqueue_push(q.get(), 'L', nullptr, 3), -1);
-    const auto names = entries();
+    const std::string big(FQ_PQUEUE_MAX_ENTRY_BYTES + 1, 'x');
+    EXPECT_EQ(fq_pqueue_push(q.get(), 'L', big.data(), big.size()), -1);
+    const Names names = entries();
     ASSERT_EQ(names.size(), 2u);
     const std::regex form("[EL][0-9a-f]{8}-[0-9a-f]{4}-1[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}\\.dat");
     for (const auto& n : names)
         EXPECT_TRUE(std::regex_match(n, form)) << n;
     EXPECT_EQ(read_file(data() + "/" + names[0]), "{\"b\": 2}");
     EXPECT_EQ(read_file(data() + "/" + names[1]), "{\"a\": 1}");
+    EXPECT_EQ(fq_pqueue_purge(q.get()), 0);
+    EXPECT_TRUE(entries().empty());
 }
 
 // Both values of the full behaviour refuse new entries; nothing is dropped to make room.
@@ -139,18 +124,16 @@ TEST_F(PQueue, FullQueueRefusesByCountAndBytesAndTakesEntriesOnceEmptied)
         QueuePtr q = open(3, 100, mode);
         push(q.get(), 'L', "1");
         push(q.get(), 'E', "2");
-        // A claimed entry still takes room.
-        ASSERT_EQ(claim(q.get(), "E", 1, false).size(), 1u);
+        ASSERT_EQ(claim(q.get(), "E", 1, true).size(), 1u);  // a claimed entry still takes room
         push(q.get(), 'L', "3");
         fqtest::StderrCapture err;
         EXPECT_EQ(fq_pqueue_push(q.get(), 'L', "4", 1), -1);
         EXPECT_TRUE(err.contains("Queue full: 3 Elements (max 3)")) << err.text();
         EXPECT_EQ(entries().size(), 3u);
 
-        // Removed by whoever delivered it: the next push sees the room at once.
+        // Removed by whoever delivered them: the next push sees the room at once.
         ASSERT_EQ(claim(q.get(), "L", 10).size(), 2u);
-        const std::string big(90, 'x');
-        push(q.get(), 'L', big);
+        push(q.get(), 'L', std::string(90, 'x'));
         EXPECT_EQ(fq_pqueue_push(q.get(), 'L', "0123456789", 10), -1);
         EXPECT_TRUE(err.contains("bytes (max 100)")) << err.text();
         EXPECT_EQ(fq_pqueue_push(q.get(), 'L', "012345678", 9), 0);
@@ -164,22 +147,13 @@ TEST_F(PQueue, ClaimTakesTheOldestOfTheFilteredKindsOnly)
         push(q.get(), i % 2 ? 'E' : 'L', std::to_string(i));
     write_file(data() + "/X-not-a-kind.dat", "x");
     write_file(data() + "/temp_Lhalf.dat", "x");
-    EXPECT_EQ(claim(q.get(), "L", 2), (std::vector<std::string>{"0", "2"}));
-
-    ASSERT_EQ(fq_pqueue_lock(q.get()), 0);
-    fq_pqueue_data** batch = nullptr;
-    ASSERT_EQ(fq_pqueue_claim_batch(q.get(), "LE", 10, &batch), 4);
-    fq_pqueue_unlock(q.get());
-    EXPECT_EQ(batch[0]->prefix, 'E');
-    EXPECT_EQ(std::string(batch[0]->id), data() + "/claimed_" + std::to_string(getpid()) + "_" +
-                                             std::string(batch[0]->restore_id).substr(data().size() + 1));
+    EXPECT_EQ(claim(q.get(), "L", 2), (Names{"0", "2"}));
+    EXPECT_EQ(claim(q.get(), "LE", 3, true), (Names{"1", "3", "4"}));
     EXPECT_EQ(fq_pqueue_pending(q.get(), "LE"), 4) << "claimed by this process, not yet delivered";
-    for (int i = 0; i < 4; ++i)
-        fq_pqueue_data_free(batch[i]);
-    free(batch);
+    EXPECT_EQ(claim(q.get(), "LE", 10), (Names{"5"}));
     ASSERT_EQ(system(("rm -f " + data() + "/claimed_*").c_str()), 0);
     EXPECT_TRUE(claim(q.get(), "LE", 10).empty());
-    EXPECT_EQ(entries(), (std::vector<std::string>{"X-not-a-kind.dat", "temp_Lhalf.dat"}));
+    EXPECT_EQ(entries(), (Names{"X-not-a-kind.dat", "temp_Lhalf.dat"}));
 }
 
 TEST_F(PQueue, ClaimersOnTheirOwnDescriptorsNeverShareAnEntry)
@@ -208,7 +182,7 @@ TEST_F(PQueue, ClaimersOnTheirOwnDescriptorsNeverShareAnEntry)
         claimers.emplace_back([&] {
             QueuePtr mine = open();
             while (fq_pqueue_pending(mine.get(), "LE") > 0) {
-                const auto got = claim(mine.get(), "LE", 16);
+                const Names got = claim(mine.get(), "LE", 16);
                 std::lock_guard<std::mutex> lock(mu);
                 seen.insert(got.begin(), got.end());
             }
@@ -225,23 +199,19 @@ TEST_F(PQueue, ClaimersOnTheirOwnDescriptorsNeverShareAnEntry)
 TEST_F(PQueue, StaleSweepReturnsOldClaimsOnlyAndRemovesAbandonedTemporaries)
 {
     QueuePtr q = open();
-    auto file = [&](const std::string& name, int age_s) {
-        const std::string path = data() + "/" + name;
-        write_file(path, "{}");
+    const std::string uuid = "0d8e6a3c-c4b1-11f1-9a2e-0242ac120002.dat";
+    const std::vector<std::pair<std::string, int>> files = {
+        {"claimed_999_L" + uuid, 7200}, {"claimed_999_E" + uuid, 60},  // its process may be gone: still too young
+        {"claimed_abc_L1.dat", 7200},   {"claimed_12_X1.dat", 7200},
+        {"temp_L" + uuid, 7200},        {"temp_E" + uuid, 60}};
+    for (const auto& [name, age_s] : files) {
+        write_file(data() + "/" + name, "{}");
         struct timeval tv[2];
         gettimeofday(&tv[0], nullptr);
         tv[0].tv_sec -= age_s;
         tv[1] = tv[0];
-        utimes(path.c_str(), tv);
-    };
-    const std::string uuid = "0d8e6a3c-c4b1-11f1-9a2e-0242ac120002.dat";
-    file("claimed_999_L" + uuid, 7200);
-    file("claimed_999_E" + uuid, 60);  // its process may be gone: still too young
-    file("claimed_abc_L1.dat", 7200);
-    file("claimed_12_X1.dat", 7200);
-    file("temp_L" + uuid, 7200);
-    file("temp_E" + uuid, 60);
-
+        ASSERT_EQ(utimes((data() + "/" + name).c_str(), tv), 0);
+    }
     // Another holder of the lock: the sweep is skipped for now.
     QueuePtr other = open();
     ASSERT_EQ(fq_pqueue_lock(other.get()), 0);
@@ -250,8 +220,8 @@ TEST_F(PQueue, StaleSweepReturnsOldClaimsOnlyAndRemovesAbandonedTemporaries)
 
     fqtest::StderrCapture err;
     EXPECT_EQ(fq_pqueue_reclaim_stale_claims(q.get(), 3600), 1);
-    EXPECT_EQ(entries(), (std::vector<std::string>{"L" + uuid, "claimed_12_X1.dat", "claimed_999_E" + uuid,
-                                                   "claimed_abc_L1.dat", "temp_E" + uuid}));
+    EXPECT_EQ(entries(), (Names{"L" + uuid, "claimed_12_X1.dat", "claimed_999_E" + uuid, "claimed_abc_L1.dat",
+                                "temp_E" + uuid}));
     EXPECT_TRUE(err.contains("Cannot parse claim filename 'claimed_abc_L1.dat'; leaving in place"));
     EXPECT_TRUE(err.contains("Cannot parse claim filename 'claimed_12_X1.dat'; leaving in place"));
     EXPECT_TRUE(err.contains("Re-entered 1 stale claimed queue entry into the dispatch pool"));
@@ -259,27 +229,19 @@ TEST_F(PQueue, StaleSweepReturnsOldClaimsOnlyAndRemovesAbandonedTemporaries)
 
 TEST_F(PQueue, ReadLoadsContentWithANulAndRefusesOversizedFiles)
 {
-    QueuePtr q = open();
+    ASSERT_TRUE(open());
+    std::string path = data() + "/Lentry.dat";
     fq_pqueue_data e{};
-    std::string path = data() + "/Lempty.dat";
     e.id = path.data();
-    write_file(path, "");
-    EXPECT_EQ(fq_pqueue_data_read(&e), 0);
-    EXPECT_EQ(e.datalen, 0u);
-    write_file(path, "{\"k\": 1}");
-    ASSERT_EQ(fq_pqueue_data_read(&e), 0);
-    EXPECT_STREQ(static_cast<char*>(e.data), "{\"k\": 1}");
+    for (const std::string& content : {std::string(), std::string("{\"k\": 1}")}) {
+        write_file(path, content);
+        ASSERT_EQ(fq_pqueue_data_read(&e), 0);
+        EXPECT_EQ(e.datalen, content.size());
+        EXPECT_STREQ(static_cast<char*>(e.data), content.c_str());
+    }
     write_file(path, std::string(FQ_PQUEUE_MAX_ENTRY_BYTES + 1, 'x'));
     EXPECT_EQ(fq_pqueue_data_read(&e), -1);
     EXPECT_EQ(e.data, nullptr);
-    EXPECT_EQ(fq_pqueue_push(q.get(), 'L', std::string(FQ_PQUEUE_MAX_ENTRY_BYTES + 1, 'x').c_str(),
-                             FQ_PQUEUE_MAX_ENTRY_BYTES + 1),
-              -1);
-
-    push(q.get(), 'L', "1");
-    EXPECT_EQ(fq_pqueue_purge(q.get()), 0);
-    EXPECT_TRUE(entries().empty());
-    EXPECT_EQ(read_file(dir / "t.pq/control"), "10000\n50000000\n1\n");
 }
 
 }  // namespace
