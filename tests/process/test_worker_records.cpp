@@ -117,13 +117,19 @@ protected:
 };
 
 // The records of a worker that ran and stopped while the sinks were away, and of the next worker
-// on the same base directory, reach the sinks once they appear, in the order they were made.
+// on the same base directory, reach the sinks once they appear, in the order they were made;
+// corrupt entries on the way are dropped and hold nothing up.
 TEST_F(WorkerRecords, SinksThatComeLateGetEveryRecordOfEveryStartInOrderPerKind)
 {
     const fqtest::Child first = worker();
     ASSERT_TRUE(env.wait_ready()) << read_file(first.stderr_path);
     ASSERT_TRUE(fqtest::wait_until([&] { return entries().size() >= 2; }, 10s));
     EXPECT_EQ(stop(first), 0);
+    for (const std::string& name : entries())
+        EXPECT_NE(name.rfind("claimed_", 0), 0u) << "a stop gives back what its dispatcher held: " << name;
+    fqtest::write_file(data() + "/Lempty.dat", "");
+    fqtest::write_file(data() + "/Enot-json.dat", "{\"cut\": ");
+    fqtest::write_file(data() + "/Xother.dat", "{}");  // no kind: never claimed
     const fqtest::Child second = worker();
     ASSERT_TRUE(wait_trace_count("ready with 2 threads", 2)) << read_file(second.stderr_path);
 
@@ -139,7 +145,9 @@ TEST_F(WorkerRecords, SinksThatComeLateGetEveryRecordOfEveryStartInOrderPerKind)
                                                             "3010 " + two + " ready with 2 threads"}));
     EXPECT_EQ(stop(second), 0);
     EXPECT_EQ(s_lines(log_file).size(), 4u) << "the last record of a stop with the sinks there is delivered";
-    EXPECT_TRUE(entries().empty());
+    EXPECT_EQ(entries(), std::vector<std::string>{"Xother.dat"});
+    EXPECT_TRUE(env.trace_has("Dropping unreadable/empty entry " + data() + "/claimed_"));
+    EXPECT_TRUE(env.trace_has("Dropping non-JSON entry " + data() + "/claimed_"));
 }
 
 // A worker killed while it is delivering leaves its claimed entry on disk; a start after it has
