@@ -25,6 +25,7 @@
 #include "bench_env.h"
 #include "bench_load.h"
 #include "bench_peers.h"
+#include "bench_queue.h"
 #include "fq_provision.h"
 #include "fq_raii.h"
 #include "log.h"
@@ -51,6 +52,7 @@ struct Options {
     int rounds = 3;
     int worker_threads = 16;
     bool quick = false;
+    bool queue = false;  // the queue series instead of the scan series
     std::vector<Mode> modes = {Mode::Direct, Mode::Relay, Mode::Worker};
     std::string perf_dir;  // perf record of the worker and the relay, when set
     std::string worker = FQ_WORKER_BINARY;
@@ -72,7 +74,10 @@ void s_usage(FILE* out)
             "  --relay PATH        relay program, called with --relay-serve URL SUBJECT THREADS (default: this one)\n"
             "  --modes LIST        of direct,relay,worker (default all three)\n"
             "  --perf DIR          record the worker and the relay with perf into DIR while the series run\n"
-            "  --quick             a tenth of the jobs, one round: a smoke run\n",
+            "  --quick             a tenth of the jobs, one round: a smoke run\n"
+            "  --queue             the queue series: pushes/s, delivery rate, scan latency with the log\n"
+            "                      dispatcher delivering a backlog against idle (--jobs: scans per mode,\n"
+            "                      default 3000)\n",
             FQ_WORKER_BINARY);
 }
 
@@ -139,6 +144,8 @@ int s_parse_options(int argc, char** argv, Options* o)
             return 1;
         } else if (a == "--quick") {
             o->quick = true;
+        } else if (a == "--queue") {
+            o->queue = true;
         } else if (a == "--jobs" && value(&v) && s_parse_ints(v, 1, 10000000, &ints) && ints.size() == 1) {
             o->jobs = ints[0];
         } else if (a == "--rounds" && value(&v) && s_parse_ints(v, 1, 100, &ints) && ints.size() == 1) {
@@ -444,6 +451,155 @@ void s_print_report(const Options& o, const std::map<SeriesKey, std::map<Mode, S
            missed_request);
 }
 
+
+// The real worker on <dir>/base, serving once the call returns true; false after a message.
+bool s_start_worker(const Options& o, const std::string& url, const fqtest::TempDir& dir, natsConnection* peer,
+                    const std::string& trace, ChildGuard& worker)
+{
+    const std::string base = dir / "base";
+    mkdir(base.c_str(), 0755);
+    mkdir((base + "/fq-av-scanproxy").c_str(), 0755);
+    mkdir((base + "/run").c_str(), 0755);
+    worker.reset(spawn_child({o.worker, "--basedir", base, "--broker", url, "--console-mode", "--worker-threads",
+                              std::to_string(o.worker_threads), "--tracelevel", "0", "--tracefile", trace},
+                             dir / "worker.log"));
+    if (s_wait_serving(peer, s_worker_subject, worker, 30000))
+        return true;
+    fprintf(stderr, "fq-av-bench: the worker did not come up: %s\n", fqtest::read_file(dir / "worker.log").c_str());
+    return false;
+}
+
+// The queue series: pushes per second, delivery rate, and the scan latency of the core road while
+// the worker's log dispatcher is busy against while it is idle, in interleaved rounds.
+int s_run_queue(const Options& o, const fqtest::TempDir& dir, const Broker& broker, const std::string& load_before)
+{
+    const std::string url = broker.url();
+    fq_nats_conn_ptr peer(broker.server().connect_peer());
+    if (!peer) {
+        fprintf(stderr, "fq-av-bench: no peer connection\n");
+        return 1;
+    }
+    const std::string record = queue_sample_record();
+    const int pushes = o.quick ? 2000 : 10000;
+
+    std::map<int, std::vector<double>> push_rates;
+    for (int round = 0; round < (o.quick ? 1 : 3); ++round)
+        for (int threads : {1, 4})
+            push_rates[threads].push_back(queue_push_rate(
+                dir / ("push-" + std::to_string(round) + "-" + std::to_string(threads)), threads, pushes, record));
+    for (auto& [threads, rates] : push_rates) {
+        std::sort(rates.begin(), rates.end());
+        fprintf(stderr, "pushes/s from %d thread(s): %.0f (median of %zu)\n", threads, rates[rates.size() / 2],
+                rates.size());
+    }
+    fq_connection_config* cfg = bench_connect(url);
+    mkdir((dir / "deliver").c_str(), 0755);
+    const int deliveries = o.quick ? 1000 : 5000;
+    const double delivery = cfg ? queue_delivery_rate(dir / "deliver", cfg, peer.get(), deliveries, record) : 0;
+    bench_disconnect(&cfg);
+    fprintf(stderr, "records delivered/s: %.0f\n", delivery);
+
+    // Scans through the worker while its sinks answer on this process's connection.
+    fqtest::Responder control(peer.get(), "fq-av-worker-control",
+                              [](const std::string&) { return std::string("{\"ReturnCode\": 0}"); });
+    std::atomic<long> sunk{0};
+    auto sink = [&](const std::string&) {
+        ++sunk;
+        return std::optional<std::string>("{\"ReturnCode\": 0}");
+    };
+    fqtest::Responder logs(peer.get(), "fq-av-log", sink);
+    fqtest::Responder events(peer.get(), "fq-av-events-dispatch", sink);
+    ScanServices services;
+    std::string error;
+    if (!services.start(url, {s_service_names[0]}, 4, &error)) {
+        fprintf(stderr, "fq-av-bench: peers: %s\n", error.c_str());
+        return 1;
+    }
+    TraceSemaphore trace_sem{dir / "worker-trace.log"};
+    ChildGuard worker;
+    if (!s_start_worker(o, url, dir, peer.get(), trace_sem.path, worker))
+        return 1;
+    Clients clients;
+    if (!clients.connect(url, 1, &error)) {
+        fprintf(stderr, "fq-av-bench: %s\n", error.c_str());
+        return 1;
+    }
+    const std::string object(4096, 'q');
+    const std::string rundir = dir / "base/run";
+    const int rounds = o.quick ? 2 : 6;
+    const int jobs = (o.jobs ? o.jobs : (o.quick ? 300 : 3000)) / (rounds / 2);
+    SeriesResult idle, busy;
+    double busy_seconds = 0;
+    long busy_sunk = 0;
+    for (int round = 0; round < rounds && worker.alive() && !interrupted(); ++round) {
+        const bool is_busy = round % 2 == 1;
+        // Busy: a backlog near the queue's limit, which the dispatcher is delivering before the first
+        // measured job and still at the last.
+        const long sunk_before = sunk.load();
+        if (is_busy && (queue_fill(rundir, record, 9500) != 9500 ||
+                        !fqtest::wait_until([&] { return sunk.load() > sunk_before + 100; }, std::chrono::seconds(30)))) {
+            fprintf(stderr, "fq-av-bench: the worker's dispatcher does not deliver from %s\n", rundir.c_str());
+            return 1;
+        }
+        const int depth = queue_depth(rundir);
+        LoadSpec spec;
+        spec.mode = Mode::Worker;
+        spec.object = &object;
+        spec.services = {s_service_names[0]};
+        spec.target = s_worker_subject;
+        spec.jobs = jobs;
+        spec.warmup = 20;
+        spec.watch = {broker.pid(), worker.pid(), worker.pid(), getpid()};
+        SeriesResult r;
+        const long sunk_start = sunk.load();
+        if (!clients.run(spec, broker, &r))
+            return 1;
+        const int left = queue_depth(rundir);
+        (is_busy ? busy : idle).add(r);
+        if (is_busy) {
+            busy_seconds += r.seconds;
+            busy_sunk += sunk.load() - sunk_start;
+        }
+        fprintf(stderr, "round %d (%s): request p50 %.3f ms, %d failed, %d records in the queue before, %d after\n",
+                round, is_busy ? "busy" : "idle", r.request_percentile(0.5), r.failures, depth, left);
+        if (is_busy && left == 0)
+            fprintf(stderr, "  the backlog ran out before the round ended: use fewer --jobs\n");
+        // The next idle round starts with an empty queue.
+        fqtest::wait_until([&] { return fqtest::list_dir(rundir + "/fq-av-scanproxy.pq/data").empty(); },
+                         std::chrono::seconds(60));
+    }
+    const int worker_status = worker.terminate(15000);
+
+    char date[64];
+    const std::time_t now = std::time(nullptr);
+    strftime(date, sizeof(date), "%Y-%m-%d %H:%M UTC", gmtime(&now));
+    printf("# fq-av-bench queue series, %s\n\n", date);
+    printf("- command: `%s`\n", o.command.c_str());
+    printf("- machine: %u cores, load average before %s, after %s\n", std::thread::hardware_concurrency(),
+           load_before.c_str(), s_loadavg().c_str());
+    printf("- record: %zu bytes (a ready record); queue with the worker's limits (10,000 entries)\n\n",
+           record.size());
+    printf("| measure | value | target |\n|---|---:|---|\n");
+    for (auto& [threads, rates] : push_rates)
+        printf("| pushes/s, %d thread(s), %d records, median of %zu | %.0f | >= 10,000 |\n", threads, pushes,
+               rates.size(), rates[rates.size() / 2]);
+    printf("| records delivered/s, one dispatcher, %d records, sinks on the broker | %.0f | >= 1,000 |\n", deliveries,
+           delivery);
+    printf("| records delivered/s by the worker during the busy rounds | %.0f | |\n",
+           busy_seconds > 0 ? busy_sunk / busy_seconds : 0.0);
+    printf("| scan request p50 ms, dispatcher idle (%d jobs) | %.3f | |\n", idle.jobs, idle.request_percentile(0.5));
+    printf("| scan request p50 ms, dispatcher busy (%d jobs) | %.3f | |\n", busy.jobs, busy.request_percentile(0.5));
+    printf("| scan request p99 ms, idle / busy | %.3f / %.3f | |\n", idle.request_percentile(0.99),
+           busy.request_percentile(0.99));
+    printf("| scan jobs/s, idle / busy | %.0f / %.0f | |\n", idle.jobs_per_s(), busy.jobs_per_s());
+    const double idle_p50 = idle.request_percentile(0.5);
+    const double ratio = idle_p50 > 0 ? busy.request_percentile(0.5) / idle_p50 : 0;
+    printf("| scan p50 busy / idle | %.3f | <= 1.10 |\n", ratio);
+    printf("\nFailed scans: %d idle, %d busy; worker exit status after SIGTERM: %d\n", idle.failures, busy.failures,
+           worker_status);
+    return idle.failures + busy.failures ? 2 : 0;
+}
+
 int s_run(const Options& o)
 {
     const auto started = std::chrono::steady_clock::now();
@@ -455,11 +611,13 @@ int s_run(const Options& o)
         fprintf(stderr, "fq-av-bench: %s\n", error.c_str());
         return 1;
     }
-    const std::string url = broker.url();
     if (!broker.server().provision(nullptr, nullptr, &error)) {
         fprintf(stderr, "fq-av-bench: provisioning failed: %s\n", error.c_str());
         return 1;
     }
+    if (o.queue)
+        return s_run_queue(o, dir, broker, load_before);
+    const std::string url = broker.url();
 
     fq_nats_conn_ptr peer(broker.server().connect_peer());
     if (!peer) {
@@ -484,20 +642,10 @@ int s_run(const Options& o)
         return 1;
     }
 
-    const std::string base = dir / "base";
-    mkdir(base.c_str(), 0755);
-    mkdir((base + "/fq-av-scanproxy").c_str(), 0755);
-    mkdir((base + "/run").c_str(), 0755);
     TraceSemaphore trace_sem{dir / "worker-trace.log"};
-    ChildGuard worker(spawn_child({o.worker, "--basedir", base, "--broker", url, "--console-mode", "--worker-threads",
-                                   std::to_string(o.worker_threads), "--tracelevel", "0", "--tracefile",
-                                   trace_sem.path},
-                                  dir / "worker.log"));
-    if (!s_wait_serving(peer.get(), s_worker_subject, worker, 30000)) {
-        fprintf(stderr, "fq-av-bench: the worker did not come up: %s\n",
-                fqtest::read_file(dir / "worker.log").c_str());
+    ChildGuard worker;
+    if (!s_start_worker(o, url, dir, peer.get(), trace_sem.path, worker))
         return 1;
-    }
     const long worker_start_rss = proc_status_kib(worker.pid(), "VmRSS");
 
     ChildGuard perf_worker;

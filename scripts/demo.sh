@@ -203,7 +203,20 @@ done
 [ "$ready" = 1 ] || die "fq-av-scanproxy did not answer on fq-av-scanproxy.ping within 30 s (see $WORK/trace.log)"
 say "fq-av-scanproxy answers on fq-av-scanproxy.ping"
 
-# 4. Samples: a clean text, the EICAR test file, a zip holding it in a subfolder, and a file
+# 4. The worker's ready record, as fq-av-log wrote it: one JSON line per record, to follow with tail -f.
+record=""
+for ((i = 0; i < 100; i++)); do
+  record=$(grep -m 1 'ready with' "$WORK/logs/log-records.jsonl" 2>/dev/null) && break
+  sleep 0.1
+done
+if [ -n "$record" ]; then
+  say "the worker's ready record in $WORK/logs/log-records.jsonl:"
+  printf '%s\n' "$record"
+else
+  say "no ready record in $WORK/logs/log-records.jsonl within 10 s (see $WORK/trace.log)"
+fi
+
+# 5. Samples: a clean text, the EICAR test file, a zip holding it in a subfolder, and a file
 #    above the job's SCAN_MAX_SIZE of 1 MiB.
 S="$WORK/samples"
 printf 'Hello from the fq-av-scanproxy demo.\n' >"$S/clean.txt"
@@ -261,6 +274,7 @@ demo: everything keeps running
            e.g. $BUILD/fq-av-scan --broker $URL --verbose $S
   trace    $WORK/trace.log; program output in $WORK/logs/
   quarantine $BUILD/fq-av-quarantine list --directory $Q
+  records  tail -f $WORK/logs/log-records.jsonl $WORK/logs/events.jsonl
   stop     bash scripts/demo.sh --stop $WORK
 EOF
 fi

@@ -214,3 +214,13 @@ int fq_connection_abandon_requests(fq_connection_config* cfg, const char* text)
         return 0;
     return fq_nats_abandon_requests(cfg, text);
 }
+
+void fq_connection_hold(void)
+{
+    fq_nats_connection_hold(1);
+}
+
+void fq_connection_release(void)
+{
+    fq_nats_connection_hold(-1);
+}

@@ -107,3 +107,7 @@ int fq_connection_start_js_work_consumer(fq_connection_config* cfg, const char* 
                                          sem_t* scan_slot_sem);
 int fq_connection_serving_threads(int* busy);
 int fq_connection_abandon_requests(fq_connection_config* cfg, const char* text);
+// A thread outside the serving threads that uses the connection (the log dispatcher) holds it while
+// it runs, so that fq_connection_deinit never frees what it still uses.
+void fq_connection_hold(void);
+void fq_connection_release(void);

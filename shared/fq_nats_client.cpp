@@ -399,13 +399,13 @@ void fq_nats_deinit(fq_nats_config* config)
     if (!config)
         return;
     int busy = 0;
-    if (fq_nats_serving_threads(&busy) > 0 && config->_conn) {
-        // A serving thread still holds the connection and the bucket handles: close the connection,
-        // which fails whatever it sends next, and leave the handles to the end of the process.
+    if ((fq_nats_serving_threads(&busy) > 0 || fq_nats_connection_holders() > 0) && config->_conn) {
+        // A thread still holds the connection and the bucket handles: close the connection, which
+        // fails whatever it sends next, and leave the handles to the end of the process.
         natsConnection_Close(static_cast<natsConnection*>(config->_conn));
-        log_warn("NATS: closed the connection with %d serving thread(s) still running (%d busy); its handles stay "
-                 "until the process ends",
-                 fq_nats_serving_threads(nullptr), busy);
+        log_warn("NATS: closed the connection with %d serving thread(s) (%d busy) and %d other user(s) still running; "
+                 "its handles stay until the process ends",
+                 fq_nats_serving_threads(nullptr), busy, fq_nats_connection_holders());
         return;
     }
     if (config->_kv_registry) {

@@ -124,6 +124,10 @@ void fq_worker_scan_execute(fq_nats_config* config, fq_request_handler_f_t handl
                             const void* msg_data, size_t msg_len, char** out_reply_json);
 // Serving threads still running and, in *busy, of those working on a request.
 int fq_nats_serving_threads(int* busy);
+// A background thread that uses the connection outside the serving threads takes a hold (+1) and
+// gives it back (-1) when it ends; the connection's handles stay while holds remain.
+void fq_nats_connection_hold(int delta);
+int fq_nats_connection_holders(void);
 // Answers every request a serving thread is still working on with SERVICE_ERROR and text; the
 // thread then sends nothing more for it. The number answered.
 int fq_nats_abandon_requests(fq_nats_config* config, const char* text);

@@ -30,6 +30,9 @@ const char s_payload_unavailable[] = "Scan data unavailable: staged payload coul
 // know when the connection is no longer in anybody's hands.
 std::atomic<int> s_live_threads{0};
 std::atomic<int> s_busy_threads{0};
+// Other threads that use the connection in the background (the log dispatcher): the handles stay
+// while any of them runs.
+std::atomic<int> s_holders{0};
 
 // Requests being worked on that someone waits for: their reply subjects, by the request's slot on
 // its thread's stack. Whoever takes a request's entry out answers it, and only that one: its
@@ -401,4 +404,14 @@ int fq_nats_abandon_requests(fq_nats_config* config, const char* text)
         log_warn("NATS: refused %d queued request(s): the worker is stopping", refused);
     natsConnection_FlushTimeout(conn, 300);
     return answered;
+}
+
+void fq_nats_connection_hold(int delta)
+{
+    s_holders.fetch_add(delta);
+}
+
+int fq_nats_connection_holders(void)
+{
+    return s_holders.load();
 }

@@ -17,12 +17,14 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "fqerror.h"
 #include "fq_service_manager.h"
+#include "fq_log.h"
 #include "fq_worker_ping.h"
 #include "fq_worker_ping_handler.h"
 #include "fqhlp-string.h"
@@ -452,7 +454,9 @@ int s_dispatch_scan(fq_const_request_reply_t* rr, json_object* request_json, fq_
         thread && thread->global_parameters ? thread->global_parameters->config : nullptr;
     if (thread)
         fq_atomic_store(thread->currentstatus, BUSY);
+    ++fq_log_foreground_requests;  // the log dispatcher holds back meanwhile
     int rc = fq_worker_handle_scan_request(config, rr, request_json, thread, clean);
+    --fq_log_foreground_requests;
     if (thread)
         fq_atomic_store(thread->currentstatus, READY);
     if (rc != 0) {
@@ -801,6 +805,82 @@ void s_open_trace(const fq_worker_config_t* config, int argc, char** argv)
         log_trace("CL [%d]: '%s'", i, argv[i]);
 }
 
+// ---- Log records and events: the dispatcher and what main reports through it.
+
+fq_pqueue* s_log_queue(const s_process_t& p)
+{
+    return p.config && p.config->log_thread_params ? p.config->log_thread_params->pq : nullptr;
+}
+
+void s_queue_event(const s_process_t& p, fq_av_event_type_t type, const char* error, const char* text)
+{
+    fq_log_send_event(s_log_queue(p), type, nullptr, nullptr, nullptr, error, nullptr, text, nullptr);
+}
+
+// {"Message": text}, the data of every section main writes.
+json_object* s_message_data(const char* text)
+{
+    json_object* data = json_object_new_object();
+    if (data)
+        json_object_object_add(data, "Message", json_object_new_string(text));
+    return data;
+}
+
+// The queue lives in <basedir>/run; a missing run directory is made rather than losing every record.
+bool s_start_log_dispatcher(s_process_t& p)
+{
+    const std::string rundir = std::string(p.config->basedir) + "/run";
+    if (mkdir(rundir.c_str(), 0770) != 0 && errno != EEXIST)
+        log_error("Failed to create %s: %s", rundir.c_str(), FQstrerror(errno));
+    p.config->log_thread_params = fq_log_create_log_dispatcher(rundir.c_str(), p.config->connection_config);
+    return p.config->log_thread_params != nullptr;
+}
+
+void s_report_ready(const s_process_t& p)
+{
+    fq_json_ptr record(fq_log_create_message());
+    if (!record)
+        return;
+    char text[1024];
+    snprintf(text, sizeof(text), "%s worker%s, PID %d ready with %d threads", FQ_SERVICE_DISPLAY_NAME,
+             s_worker_type(p.config), static_cast<int>(getpid()), p.worker_threads);
+    fq_log_add_log_section(record.get(), "StatusLog", nullptr, s_message_data(text));
+    s_queue_event(p, WORKER_EVENT_START_OK, nullptr, text);
+    fq_log_enqueue(s_log_queue(p), 'L', record.get());
+}
+
+// The last records, and time for the dispatcher to deliver them before it is stopped.
+void s_report_stop(const s_process_t& p, uint64_t deadline_ms)
+{
+    fq_log_thread_param_t* dispatcher = p.config ? p.config->log_thread_params : nullptr;
+    if (!dispatcher)
+        return;
+    // The stop's budget decides how long to wait: whatever is not delivered stays on disk, and
+    // the next start on this base directory delivers it.
+    auto left_ms = [deadline_ms] {
+        const uint64_t now = fq_current_time_ms();
+        return now < deadline_ms ? static_cast<int>(deadline_ms - now) : 0;
+    };
+    fq_json_ptr record(fq_log_create_message());
+    if (record) {
+        char text[1024];
+        snprintf(text, sizeof(text), "%s worker%s, PID %d shutting down", FQ_SERVICE_DISPLAY_NAME,
+                 s_worker_type(p.config), static_cast<int>(getpid()));
+        if (p.exitlog) {
+            fq_log_add_log_section(record.get(), "ErrorLog", nullptr, s_message_data(p.exitlog));
+            s_queue_event(p, WORKER_EVENT_START_ERROR, p.exitlog, p.exitlog);
+        }
+        fq_log_add_log_section(record.get(), "StatusLog", nullptr, s_message_data(text));
+        if (!p.exitlog)
+            s_queue_event(p, WORKER_EVENT_END, nullptr, text);
+        fq_log_enqueue(s_log_queue(p), 'L', record.get());
+        if (fq_connection_state(p.config->connection_config, nullptr, 0) == FQ_CONNECTION_UP)
+            fq_log_wait_delivered(dispatcher, std::min(3000, left_ms()));
+    }
+    if (fq_log_stop_log_dispatcher(dispatcher, static_cast<unsigned>(std::max(100, left_ms()))) != 0)
+        log_warn("Log dequeue thread still delivering at the stop; what it holds is given back by a later start");
+}
+
 void s_report_load(s_process_t& p)
 {
     fq_worker_config_t* config = p.config;
@@ -816,6 +896,7 @@ void s_report_load(s_process_t& p)
                  "Load High-Water mark met. Average load exceeds %d percent over the past %d seconds",
                  config->load_hwm, config->load_sampling_period);
         log_debug("%s", text);
+        s_queue_event(p, WORKER_EVENT_LOAD_HWM_REACHED, nullptr, text);
         fqctrl_initialize_load_sample_array(p.load_samples, samples);
     }
     if (!config->IsPrimary && load < config->load_lwm) {
@@ -823,6 +904,7 @@ void s_report_load(s_process_t& p)
                  "Load Low-Water mark met. Average load is less than %d percent over the past %d seconds",
                  config->load_lwm, config->load_sampling_period);
         log_debug("%s", text);
+        s_queue_event(p, WORKER_EVENT_LOAD_LWM_REACHED, nullptr, text);
         fqctrl_initialize_load_sample_array(p.load_samples, samples);
     }
 }
@@ -924,6 +1006,7 @@ void s_drain_serving_threads(fq_connection_config* cc)
 
 void s_stop(s_process_t& p)
 {
+    const uint64_t stop_deadline = fq_current_time_ms() + FQ_STOP_BUDGET_MS;
     fq_sm_stopping("stopping");
     fq_connection_config* cc = p.config ? p.config->connection_config : nullptr;
     // Without the broker the delete would only wait; the record lapses by its time-to-live.
@@ -942,6 +1025,7 @@ void s_stop(s_process_t& p)
     if (p.config)
         log_info("%s worker%s, PID %d shutting down", FQ_SERVICE_DISPLAY_NAME, s_worker_type(p.config),
                  static_cast<int>(getpid()));
+    s_report_stop(p, stop_deadline);
     if (cc)
         fq_connection_deinit(cc);
     // Library-wide clean-up under a thread that still runs would pull the ground from under it.
@@ -1154,6 +1238,7 @@ bool s_start_services(s_process_t& p)
 
     log_info("%s worker%s, PID %d ready with %d threads", FQ_SERVICE_DISPLAY_NAME, s_worker_type(config),
              static_cast<int>(getpid()), p.worker_threads);
+    s_report_ready(p);
 
     if (fq_connection_start_service_handler_threads(cc, p.control_service_name, fq_worker_control_request_handler,
                                                     p.thread_global_params, &killed, 1) != 0) {
@@ -1297,7 +1382,7 @@ int fq_worker_main(int argc, char** argv)
 
     // A connection still being made goes on in the background and the wait for the control
     // service holds the start-up back; a failure no retry can cure (credentials, certificates)
-    // ends the worker here.
+    // ends the worker here, with its records queued for a later start to deliver.
     fq_connection_config* conn = p.config->connection_config;
     conn->stop_flag = &killed;
     bool started = true;
@@ -1307,6 +1392,12 @@ int fq_worker_main(int argc, char** argv)
         p.exitlog = s_exitlog_text("%s could not connect to its broker");
         started = false;
     }
+
+    if (!s_start_log_dispatcher(p)) {
+        log_fatal("Failed to start log dequeue thread");
+        exit(-1);
+    }
+    log_info("Log dequeue thread created");
 
     if (started && s_start_services(p)) {
         // Ready for a service manager once the worker answers on its subjects, not merely runs.

@@ -30,6 +30,8 @@
 // A stop gives serving threads this long to finish their request before it answers the rest
 // with SERVICE_ERROR; with the ping below it keeps every stop within about two seconds.
 #define FQ_STOP_GRACE_MS 1000
+// All of a stop, from the flag to the last step: the last log records get what is left of it.
+#define FQ_STOP_BUDGET_MS 1600
 // One ping of fq-av-worker-control at start-up; the stop flag is looked at between pings.
 #define FQ_CONTROL_PING_TIMEOUT_MS 1000
 

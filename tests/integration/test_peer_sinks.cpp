@@ -125,6 +125,24 @@ TEST_F(PeerSinks, EventSinkKeepsConcurrentRecordsWholeOnePerLine)
     fqtest::stop_process(child.pid);
 }
 
+// A delivery repeated after a lost acknowledgement is acknowledged again but written once, also
+// by a sink restarted in between.
+TEST_F(PeerSinks, RepeatedEventIdIsWrittenOnceAcrossARestart)
+{
+    const std::string file = suite.dir->path() + "/repeated.jsonl";
+    auto record = [](const char* id) { return std::string("{\"EventID\": \"") + id + "\", \"StatusLog\": {}}"; };
+    for (const std::vector<const char*>& ids : {std::vector<const char*>{"a", "a", "b"}, {"b", "a", "c"}}) {
+        fqtest::Child child = start("fq-av-log", "fq-av-log", file);
+        for (const char* id : ids)
+            EXPECT_EQ(send("fq-av-log", record(id)), 0) << id;
+        fqtest::stop_process(child.pid);
+    }
+    std::vector<std::string> ids;
+    for (const std::string& line : lines_of(file))
+        ids.push_back(fqtest::Json(line).str("EventID"));
+    EXPECT_EQ(ids, (std::vector<std::string>{"a", "b", "c"}));
+}
+
 TEST(PeerSinksStart, FileThatCannotBeOpenedIsASetUpError)
 {
     std::string out;

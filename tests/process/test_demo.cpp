@@ -1,5 +1,6 @@
 // scripts/demo.sh end to end: the real broker, peers, worker and client, and nothing left behind.
 #include <gtest/gtest.h>
+#include <json-c/json.h>
 
 #include <signal.h>
 
@@ -105,6 +106,15 @@ TEST_F(Demo, ScansTheSamplesAndStopsWhatItStarted)
     EXPECT_TRUE(s_has_line(out, "[0-9T]+Z-[0-9a-f-]+\t.*\tsealed\teicar\\.com\t.*Eicar.*")) << out;
     EXPECT_TRUE(s_has_line(out, "demo: restored \\S+ from the quarantine: SHA-256 [0-9a-f]{64} matches the original"))
         << out;
+    // The worker's ready record as the log sink wrote it.
+    const std::string record = s_match(out, "(\\{\"LogVersion\":1,.*)");
+    json_object* parsed = json_tokener_parse(record.c_str());
+    json_object* msg = nullptr;
+    EXPECT_TRUE(json_object_object_get_ex(parsed, "StatusLog", &msg) &&
+                json_object_object_get_ex(msg, "LogData", &msg) && json_object_object_get_ex(msg, "Message", &msg) &&
+                std::regex_match(json_object_get_string(msg), std::regex("Scan proxy worker, PID [0-9]+ ready with 8 threads")))
+        << out;
+    json_object_put(parsed);
 
     const auto started = s_started(out);
     std::vector<std::string> names;

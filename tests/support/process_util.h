@@ -55,6 +55,8 @@ bool process_alive(pid_t pid);
 
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
+// The names in a directory (without . and ..), sorted; empty if it cannot be read.
+std::vector<std::string> list_dir(const std::string& dir);
 
 // Polls cond until it holds or the limit has passed.
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds limit);

@@ -73,7 +73,15 @@ bool WorkerEnv::trace_has(const std::string& text) const
 
 bool WorkerEnv::wait_ready(std::chrono::milliseconds limit) const
 {
-    return wait_until([&] { return trace_has("ready with"); }, limit);
+    // The status line comes just before the control handler subscribes: wait for both.
+    return wait_until(
+        [&] {
+            const std::string text = trace_text();
+            const size_t at = text.find("ready with");
+            return at != std::string::npos &&
+                   text.find("handler thread(s) for 'fq-av-scanproxy.", at) != std::string::npos;
+        },
+        limit);
 }
 
 std::optional<std::string> WorkerEnv::request(const std::string& subject, const std::string& body,

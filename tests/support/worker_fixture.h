@@ -39,7 +39,8 @@ public:
 
     bool trace_has(const std::string& text) const;
     std::string trace_text() const { return read_file(trace); }
-    // The worker has finished its start-up (its "ready with" status line is in the trace).
+    // The worker has finished its start-up: its "ready with" status line is in the trace, and the
+    // control handler after it has subscribed.
     bool wait_ready(std::chrono::milliseconds limit = std::chrono::milliseconds(30000)) const;
 
     // A request on the broker; the reply text, or nullopt on time-out or no responders.
