@@ -12,6 +12,7 @@ PACKAGES=(
   openssl unzip zip procps
   libmagic-dev libclamav-dev
   clang-14 libclang-rt-14-dev
+  libmicrohttpd-dev
 )
 
 missing=()

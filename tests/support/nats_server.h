@@ -102,6 +102,9 @@ struct BrokerSuite {
     void stop();
 };
 
+// The keys in fq-av-scan-data right now, read over a peer connection.
+std::vector<std::string> staged_keys(natsConnection* nc);
+
 // Frees a record from make_config with the texts it owns; the connection must be closed.
 void free_config(fq_connection_config** cfg);
 
