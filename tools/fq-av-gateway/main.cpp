@@ -24,6 +24,7 @@
 
 #include "fq_nats_names.h"
 #include "fq_raii.h"
+#include "fqhlp-string.h"
 #include "gateway_request.h"
 #include "log.h"
 #include "peer_common.h"
@@ -68,28 +69,6 @@ int64_t s_now_ms()
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-
-bool s_parse_size(const char* text, int64_t* out)
-{
-    char* end = nullptr;
-    errno = 0;
-    const long long v = strtoll(text, &end, 10);
-    if (errno != 0 || end == text || v <= 0)
-        return false;
-    long long factor = 1;
-    if (*end == 'K' || *end == 'k')
-        factor = 1024;
-    else if (*end == 'M' || *end == 'm')
-        factor = 1024LL * 1024;
-    else if (*end == 'G' || *end == 'g')
-        factor = 1024LL * 1024 * 1024;
-    else if (*end != '\0')
-        return false;
-    if ((factor != 1 && end[1] != '\0') || v > (1LL << 31) / factor)
-        return false;
-    *out = v * factor;
-    return true;
 }
 
 bool s_read_text_file(const std::string& path, std::string* out, std::string* error)
@@ -271,6 +250,9 @@ MHD_Result s_access(void* cls, struct MHD_Connection* conn, const char* url, con
             return s_refuse(conn, ctx, {503, "too many requests at once"});
         }
         ctx->has_slot = true;
+        // Checked against --max-body with the head: the body is kept in one allocation.
+        if (const char* len = MHD_lookup_connection_value(conn, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH))
+            ctx->body.reserve((size_t)strtoull(len, nullptr, 10));
         char why[512] = "";
         if (fq_connection_state(gw->cfg, why, sizeof(why)) != FQ_CONNECTION_UP)
             return s_refuse(conn, ctx, {503, std::string("the broker is not reachable: ") + why});
@@ -359,7 +341,7 @@ int main(int argc, char** argv)
             {"services", "LIST", "comma-separated services clients may name (default: any)",
              [&](const char* v) { return (set.services = v).size() > 0; }},
             {"max-body", "BYTES", "largest request body, suffix K, M or G (default 32M, largest 2G)",
-             [&](const char* v) { return s_parse_size(v, &max_body); }},
+             [&](const char* v) { return fqhlp_parse_size(v, 1LL << 31, &max_body) && max_body > 0; }},
             {"forward-timeout", "D", "wait this long for the service's reply (default 60s)",
              [&](const char* v) { return peer_parse_duration_ms(v, &set.forward_timeout_ms) && set.forward_timeout_ms > 0; }},
             {"read-timeout", "D", "a request must arrive whole within this time (default 30s)",

@@ -28,6 +28,7 @@
 #include "fq_nats_client.h"
 #include "fq_raii.h"
 #include "fqerror.h"
+#include "fqhlp-string.h"
 #include "log.h"
 #include "scan_job.h"
 #include "scan_transport.h"
@@ -129,32 +130,6 @@ bool s_parse_int(const char* text, int64_t min, int64_t max, int64_t* out)
     return true;
 }
 
-bool s_parse_size(const char* text, int64_t max, int64_t* out)
-{
-    if (!text || !*text)
-        return false;
-    errno = 0;
-    char* end = nullptr;
-    const long long v = strtoll(text, &end, 10);
-    if (errno != 0 || end == text || v < 0)
-        return false;
-    long long factor = 1;
-    if (*end == 'K' || *end == 'k')
-        factor = 1024;
-    else if (*end == 'M' || *end == 'm')
-        factor = 1024LL * 1024;
-    else if (*end == 'G' || *end == 'g')
-        factor = 1024LL * 1024 * 1024;
-    else if (*end != '\0')
-        return false;
-    if (factor != 1 && end[1] != '\0')
-        return false;
-    if (v > max / factor)
-        return false;
-    *out = v * factor;
-    return true;
-}
-
 // 0 ok, 1 --help printed, -1 usage error (message printed).
 int s_parse_args(int argc, char** argv, Options* o)
 {
@@ -217,13 +192,13 @@ int s_parse_args(int argc, char** argv, Options* o)
             ok = s_parse_int(optarg, 0, INT32_MAX, &o->policy.timeout_ms);
             break;
         case 'm':
-            ok = s_parse_size(optarg, INT32_MAX, &o->policy.max_size);
+            ok = fqhlp_parse_size(optarg, INT32_MAX, &o->policy.max_size);
             break;
         case 'd':
             ok = s_parse_int(optarg, 0, INT32_MAX, &o->policy.depth);
             break;
         case OPT_MAX_FILE:
-            ok = s_parse_size(optarg, kObjectLenMax, &o->max_file_size);
+            ok = fqhlp_parse_size(optarg, kObjectLenMax, &o->max_file_size);
             break;
         case 'f':
             o->follow = true;
