@@ -30,7 +30,7 @@ struct GatewayClient {
         fq_connection_deinit(cfg);
         fqtest::free_config(&cfg);
     }
-    // A data request through the facade; the reply's text, or "" with the error in *err.
+    // A data request through the facade: the reply's text (also left in rr->reply), or "" with *err.
     std::string scan(const std::string& json, const std::string& payload, uint32_t retries, std::string* err,
                      uint64_t timeout_ms = 5000)
     {
@@ -42,111 +42,91 @@ struct GatewayClient {
         fq_json_ptr reply(fq_connection_send_recv_json_data(cfg, "fq-av-scanproxy", rr.get(), timeout_ms, 0, retries,
                                                             buf));
         *err = buf;
-        // The reply also lands in rr->reply as text, the same document.
-        std::string text = rr->reply->json_txt ? rr->reply->json_txt : "";
+        const std::string text = rr->reply->json_txt ? rr->reply->json_txt : "";
         free(rr->reply->json_txt);
-        if (reply) {
-            EXPECT_EQ(json_object_to_json_string(reply.get()), text);
-        }
-        return reply ? text : "";
+        EXPECT_EQ(std::string(reply ? json_object_to_json_string(reply.get()) : ""), text);
+        return text;
     }
 };
 
 TEST(GatewayClient, RequestOnTheWire)
 {
-    fqtest::HttpStub stub([](const fqtest::HttpRequest&) { return fqtest::HttpAnswer{200, "{\"ReturnCode\": 1}"}; });
+    fqtest::HttpStub stub([](const fqtest::HttpMessage&) { return fqtest::HttpAnswer{200, "{\"ReturnCode\": 1}"}; });
     const std::string payload("obj\0\r\n--bytes", 14);
+    std::string err;
     {
         GatewayClient c(stub.url(), "alice", "pw");
-        std::string err;
         EXPECT_NE("", c.scan("{\"Command\": 101}", payload, 0, &err)) << err;
         EXPECT_EQ(1, fq_connection_simple_request(c.cfg, "fq-av-scanproxy.ping", "{\"Command\": 3}", 5000, -1, nullptr));
     }
     {
         // A user without a password sends no credentials; a URL with a path keeps it.
         GatewayClient c(stub.url() + "/custom/path", "alice");
-        std::string err;
         EXPECT_NE("", c.scan("{}", "", 0, &err)) << err;
     }
     const auto reqs = stub.requests();
     ASSERT_EQ(3u, reqs.size());
-    EXPECT_EQ("POST", reqs[0].method);
-    EXPECT_EQ("/vsi", reqs[0].path);
+    EXPECT_EQ(0u, reqs[0].head.rfind("POST /vsi HTTP/1.1\r\n", 0));
     EXPECT_EQ("fernquill-av-client/4", reqs[0].header("User-Agent"));
     EXPECT_EQ("fq-av-scanproxy", reqs[0].header("X-Target-Service"));
     EXPECT_EQ("Basic YWxpY2U6cHc=", reqs[0].header("Authorization"));
-    EXPECT_FALSE(reqs[0].has_header("Expect"));
+    EXPECT_EQ("", reqs[0].header("Expect"));
     EXPECT_EQ(0u, reqs[0].header("Content-Type").rfind("multipart/form-data; boundary=", 0));
-    const std::string& body = reqs[0].body;
-    const size_t request_part = body.find("name=\"request\"\r\nContent-Type: application/json\r\n\r\n{\"Command\": 101}");
-    const size_t payload_part = body.find("name=\"payload\"\r\nContent-Type: application/octet-stream\r\n\r\n" + payload);
-    EXPECT_NE(std::string::npos, request_part) << body;
-    EXPECT_NE(std::string::npos, payload_part) << body;
+    const size_t request_part = reqs[0].body.find("name=\"request\"\r\nContent-Type: application/json\r\n\r\n{\"Command\": 101}");
+    const size_t payload_part = reqs[0].body.find("name=\"payload\"\r\nContent-Type: application/octet-stream\r\n\r\n" + payload);
+    EXPECT_NE(std::string::npos, payload_part) << reqs[0].body;
     EXPECT_LT(request_part, payload_part);
 
     EXPECT_EQ("fq-av-scanproxy.ping", reqs[1].header("X-Target-Service"));
-    EXPECT_EQ(std::string::npos, reqs[1].body.find("name=\"payload\""));
-    EXPECT_EQ("/custom/path", reqs[2].path);
-    EXPECT_FALSE(reqs[2].has_header("Authorization"));
-    EXPECT_EQ(std::string::npos, reqs[2].body.find("name=\"payload\""));
-}
+    EXPECT_EQ("/custom/path", reqs[2].path());
+    EXPECT_EQ("", reqs[2].header("Authorization"));
+    for (size_t i : {1, 2})
+        EXPECT_EQ(std::string::npos, reqs[i].body.find("name=\"payload\"")) << i;
 
-TEST(GatewayClient, UrlsGetTheServletPathOnlyWithoutAPathOfTheirOwn)
-{
     EXPECT_EQ("https://gw:443/vsi", fq_gateway_request_url("https://gw:443", nullptr));
-    EXPECT_EQ("https://gw:443/custom/path", fq_gateway_request_url("https://gw:443/custom/path", "/vsi"));
-    EXPECT_EQ("https://gw//vsi", fq_gateway_request_url("https://gw/", nullptr));
+    EXPECT_EQ("https://gw//vsi", fq_gateway_request_url("https://gw/", "/vsi"));
     EXPECT_EQ("http://gw/x", fq_gateway_request_url("http://gw/x", "/other"));
-    EXPECT_EQ("http://gw/other", fq_gateway_request_url("http://gw", "/other"));
 }
 
 TEST(GatewayClient, OnlyA200WithJsonIsAReplyAndTheLastFailureIsKept)
 {
     int n = 0;
     fqtest::HttpAnswer answer;
-    fqtest::HttpStub stub([&](const fqtest::HttpRequest&) {
+    fqtest::HttpStub stub([&](const fqtest::HttpMessage&) {
         fqtest::HttpAnswer a = answer;
-        a.body += std::to_string(++n);
+        a.body += a.body.empty() ? "" : std::to_string(++n);  // which attempt answered
         return a;
     });
     GatewayClient c(stub.url(), "u", "p");
-    const std::string long_page(300, 'x');
-    struct Case {
+    const std::string page(300, 'x');
+    const struct {
         fqtest::HttpAnswer answer;
         uint32_t retries;
-        std::string error;  // the text for the last attempt (its number is appended to every body)
+        std::string error;
     } cases[] = {
         {{503, "refused "}, 2, "HTTP gateway returned status 503: refused 3"},
-        {{500, long_page}, 0, "HTTP gateway returned status 500: " + long_page.substr(0, 200)},
+        {{500, page}, 0, "HTTP gateway returned status 500: " + page.substr(0, 200)},
         {{200, "not json "}, 1, "failed to parse JSON from HTTP gateway response"},
+        {{200, ""}, 0, "empty response from HTTP gateway"},
         {{204, ""}, 0, "HTTP gateway returned status 204: "},
         // Not followed: the stub would count a second request.
         {{302, "moved ", "Location: /vsi\r\n"}, 0, "HTTP gateway returned status 302: moved 1"},
-        {{200, "{\"late\": ", "", 3000}, 0, "HTTP gateway request failed: Timeout was reached"},
+        {{200, "{}", "", 3000}, 0, "HTTP gateway request failed: Timeout was reached"},
     };
-    for (const Case& k : cases) {
+    for (const auto& k : cases) {
         answer = k.answer;
         n = 0;
         const size_t before = stub.requests().size();
         std::string err;
         EXPECT_EQ("", c.scan("{}", "x", k.retries, &err, 300)) << k.error;
-        if (k.error.find("204") != std::string::npos)
-            EXPECT_EQ(0u, err.find(k.error)) << err;
-        else
-            EXPECT_EQ(k.error, err);
+        EXPECT_EQ(k.error, err);
         EXPECT_EQ(k.retries + 1, stub.requests().size() - before) << k.error;
     }
-    // A 200 without a body is no reply either.
-    fqtest::HttpStub empty([](const fqtest::HttpRequest&) { return fqtest::HttpAnswer{200, ""}; });
-    GatewayClient e(empty.url());
-    std::string err;
-    EXPECT_EQ("", e.scan("{}", "", 0, &err));
-    EXPECT_EQ("empty response from HTTP gateway", err);
 }
 
 TEST(GatewayClient, RefusedNamesProxyAndTraceOfTheHeaders)
 {
-    fqtest::HttpStub stub([](const fqtest::HttpRequest&) { return fqtest::HttpAnswer{200, "{}"}; });
+    fqtest::HttpStub stub([](const fqtest::HttpMessage&) { return fqtest::HttpAnswer{200, "{}"}; });
     fq_gateway_opts_t opts;
     fq_gateway_opts_defaults(&opts);
     json_object* reply = nullptr;
@@ -173,12 +153,11 @@ TEST(GatewayClient, RefusedNamesProxyAndTraceOfTheHeaders)
     ASSERT_EQ(0, rc) << err;
     json_object_put(reply);
     ASSERT_EQ(1u, stub.requests().size());
-    EXPECT_EQ("http://gateway.example:8080/vsi", stub.requests()[0].path);
+    EXPECT_EQ("http://gateway.example:8080/vsi", stub.requests()[0].path());
     EXPECT_EQ("Basic cHU6cHA=", stub.requests()[0].header("Proxy-Authorization"));
-    EXPECT_TRUE(cap.contains("curl >>: X-Target-Service: svc"));
-    EXPECT_TRUE(cap.contains("curl >>: Authorization: Basic YWxpY2U6cHc="));
-    EXPECT_TRUE(cap.contains("curl <<: HTTP/1.1 200 Scripted"));
-    EXPECT_TRUE(cap.contains("fq_http_gateway_client: response (2 bytes): {}"));
+    for (const char* line : {"curl >>: X-Target-Service: svc", "curl >>: Authorization: Basic YWxpY2U6cHc=",
+                             "curl <<: HTTP/1.1 200 Scripted", "fq_http_gateway_client: response (2 bytes): {}"})
+        EXPECT_TRUE(cap.contains(line)) << line;
 }
 
 }  // namespace

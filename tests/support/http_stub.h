@@ -1,5 +1,6 @@
 // HTTP in tests: a scripted server on 127.0.0.1 that answers each request with what the test says
-// and keeps what it was sent, and a raw client for requests no well-behaved client would send.
+// and keeps what it was sent, a raw client for requests no well-behaved client would send, and
+// fq-av-gateway from the build.
 #pragma once
 
 #include <atomic>
@@ -8,21 +9,20 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "process_util.h"
 
 namespace fqtest {
 
-struct HttpRequest {
-    std::string method;
-    std::string path;
-    std::vector<std::pair<std::string, std::string>> headers;
+struct HttpMessage {
+    std::string head;  // the request or status line and the headers, each line ending in "\r\n"
     std::string body;
-    // The value of the first header of that name (any case), "" without one.
+    // The value of a header as the sender spelt its name, "" without it.
     std::string header(const std::string& name) const;
-    bool has_header(const std::string& name) const;
+    // The request's path, or the response's status.
+    std::string path() const;
+    int status() const;
 };
 
 struct HttpAnswer {
@@ -39,14 +39,14 @@ struct HttpAnswer {
 // Serves one connection at a time, each with one request and "Connection: close".
 class HttpStub {
 public:
-    using Fn = std::function<HttpAnswer(const HttpRequest&)>;
+    using Fn = std::function<HttpAnswer(const HttpMessage&)>;
     explicit HttpStub(Fn fn);
     ~HttpStub();
     HttpStub(const HttpStub&) = delete;
     HttpStub& operator=(const HttpStub&) = delete;
     int port() const { return port_; }
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-    std::vector<HttpRequest> requests() const;
+    std::vector<HttpMessage> requests() const;
 
 private:
     void run();
@@ -55,17 +55,13 @@ private:
     int port_ = 0;
     std::atomic<bool> stop_{false};
     mutable std::mutex mu_;
-    std::vector<HttpRequest> requests_;
+    std::vector<HttpMessage> requests_;
     std::thread thread_;
 };
 
-// Sends raw bytes to 127.0.0.1:port and reads until the peer closes or a whole response (by its
-// Content-Length) has come; at most limit in all. The bytes received.
-std::string http_exchange(int port, const std::string& raw, std::chrono::milliseconds limit);
-// The status of a raw response, 0 if it has none.
-int http_status(const std::string& response);
-// The body of a raw response.
-std::string http_body(const std::string& response);
+// Sends raw bytes to 127.0.0.1:port and reads the response until the peer closes or it is whole;
+// at most limit in all. Nothing (an empty head) when the peer closed without answering.
+HttpMessage http_exchange(int port, const std::string& raw, std::chrono::milliseconds limit);
 
 // fq-av-gateway from the build, started with args and a port of its own choosing on 127.0.0.1.
 struct GatewayProcess {
