@@ -7,6 +7,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 
 #include "fq_nats_names.h"
@@ -16,17 +18,11 @@
 
 namespace {
 
-bool s_known_status(int status)
-{
-    for (int s : {400, 401, 403, 404, 405, 413, 415, 500})
-        if (status == s)
-            return true;
-    return false;
-}
-
+// Every refusal says why, with a status the gateway uses.
 void s_check_refusal(const fqgw::Refusal& r)
 {
-    if (!s_known_status(r.status) || r.text.empty())
+    static const int known[] = {400, 401, 403, 404, 405, 413, 415, 500};
+    if (r.text.empty() || std::find(std::begin(known), std::end(known), r.status) == std::end(known))
         abort();
 }
 
@@ -65,22 +61,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const std::string line = s_line(text, &pos);
         if (line.empty())
             break;
+        // As the HTTP server hands them over: the name, and the value without the blanks before it.
         const size_t colon = line.find(':');
-        head.headers.push_back({line.substr(0, colon), colon == std::string::npos ? "" : line.substr(colon + 1)});
+        const size_t value = colon == std::string::npos ? colon : line.find_first_not_of(" \t", colon + 1);
+        head.headers.push_back({line.substr(0, colon), value == std::string::npos ? "" : line.substr(value)});
     }
     const std::string body = text.substr(pos);
 
-    // The pieces on their own must hold up to anything as well.
-    std::string user, password, boundary, service;
-    for (const auto& h : head.headers) {
-        fqgw::parse_basic_auth(h.value, &user, &password);
-        if (fqgw::boundary_of(h.value, &boundary) && (boundary.empty() || boundary.size() > 70))
-            abort();
-    }
-    if (fqgw::normalise_path(head.path).find("//") != std::string::npos)
-        abort();
-
-    boundary.clear();
+    std::string service, boundary;
     const fqgw::Refusal r = fqgw::check_head(policy, head, &service, &boundary);
     if (r) {
         s_check_refusal(r);
