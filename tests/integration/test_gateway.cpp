@@ -105,9 +105,10 @@ protected:
 
 TEST_F(Gateway, ForwardsRequestsAndStagedPayloadsOverHttpAndHttps)
 {
+    // Larger than one chunk of the store, with bytes that mean something to multipart; set before
+    // the service's thread exists.
+    expected_payload = std::string(600 * 1024, 'a') + std::string("\r\n--boundary\0\r\n\r\n", 17) + std::string(1000, '\xff');
     fqtest::Responder svc(suite->peer, "svc.echo", echo());
-    // Larger than one chunk of the store, with bytes that mean something to multipart.
-    expected_payload = std::string(600 * 1024, 'a') + "\r\n--boundary\0\r\n\r\n" + std::string(1000, '\xff');
     std::string err;
     const auto& plain = start({});
     EXPECT_EQ("none", call(plain.url, "svc.echo", "", &err)) << err;

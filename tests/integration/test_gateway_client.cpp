@@ -4,6 +4,7 @@
 #include <json-c/json.h>
 #include <string.h>
 
+#include <mutex>
 #include <string>
 
 #include "fq_connection_client.h"
@@ -90,9 +91,11 @@ TEST(GatewayClient, RequestOnTheWire)
 
 TEST(GatewayClient, OnlyA200WithJsonIsAReplyAndTheLastFailureIsKept)
 {
+    std::mutex mu;  // the script, changed between cases while the stub's thread reads it
     int n = 0;
     fqtest::HttpAnswer answer;
     fqtest::HttpStub stub([&](const fqtest::HttpMessage&) {
+        std::lock_guard<std::mutex> lock(mu);
         fqtest::HttpAnswer a = answer;
         a.body += a.body.empty() ? "" : std::to_string(++n);  // which attempt answered
         return a;
@@ -114,8 +117,11 @@ TEST(GatewayClient, OnlyA200WithJsonIsAReplyAndTheLastFailureIsKept)
         {{200, "{}", "", 3000}, 0, "HTTP gateway request failed: Timeout was reached"},
     };
     for (const auto& k : cases) {
-        answer = k.answer;
-        n = 0;
+        {
+            std::lock_guard<std::mutex> lock(mu);
+            answer = k.answer;
+            n = 0;
+        }
         const size_t before = stub.requests().size();
         std::string err;
         EXPECT_EQ("", c.scan("{}", "x", k.retries, &err, 300)) << k.error;
