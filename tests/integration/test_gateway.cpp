@@ -74,7 +74,7 @@ protected:
                 if (kvstore_get_chunked(suite->cfg, json_object_get_string(key), &data, &len) != 0)
                     payload = "unreadable";
                 else
-                    payload = std::string(reinterpret_cast<char*>(data), len) == expected_payload ? "same" : "different";
+                    payload = std::string((char*)data, len) == expected_payload ? "same" : "different";
                 free(data);
             }
             return "{\"ReturnCode\": 0, \"Payload\": \"" + payload + "\"}";
@@ -107,7 +107,8 @@ TEST_F(Gateway, ForwardsRequestsAndStagedPayloadsOverHttpAndHttps)
 {
     // Larger than one chunk of the store, with bytes that mean something to multipart; set before
     // the service's thread exists.
-    expected_payload = std::string(600 * 1024, 'a') + std::string("\r\n--boundary\0\r\n\r\n", 17) + std::string(1000, '\xff');
+    expected_payload =
+        std::string(600 * 1024, 'a') + std::string("\r\n--boundary\0\r\n\r\n", 17) + std::string(1000, '\xff');
     fqtest::Responder svc(suite->peer, "svc.echo", echo());
     std::string err;
     const auto& plain = start({});

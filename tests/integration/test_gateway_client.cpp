@@ -58,7 +58,7 @@ TEST(GatewayClient, RequestOnTheWire)
     {
         GatewayClient c(stub.url(), "alice", "pw");
         EXPECT_NE("", c.scan("{\"Command\": 101}", payload, 0, &err)) << err;
-        EXPECT_EQ(1, fq_connection_simple_request(c.cfg, "fq-av-scanproxy.ping", "{\"Command\": 3}", 5000, -1, nullptr));
+        EXPECT_EQ(1, fq_connection_simple_request(c.cfg, "fq-av-scanproxy.ping", "{}", 5000, -1, nullptr));
     }
     {
         // A user without a password sends no credentials; a URL with a path keeps it.
@@ -73,9 +73,10 @@ TEST(GatewayClient, RequestOnTheWire)
     EXPECT_EQ("Basic YWxpY2U6cHc=", reqs[0].header("Authorization"));
     EXPECT_EQ("", reqs[0].header("Expect"));
     EXPECT_EQ(0u, reqs[0].header("Content-Type").rfind("multipart/form-data; boundary=", 0));
-    const size_t request_part = reqs[0].body.find("name=\"request\"\r\nContent-Type: application/json\r\n\r\n{\"Command\": 101}");
-    const size_t payload_part = reqs[0].body.find("name=\"payload\"\r\nContent-Type: application/octet-stream\r\n\r\n" + payload);
-    EXPECT_NE(std::string::npos, payload_part) << reqs[0].body;
+    const std::string& b = reqs[0].body;
+    const size_t request_part = b.find("name=\"request\"\r\nContent-Type: application/json\r\n\r\n{\"Command\": 101}");
+    const size_t payload_part = b.find("name=\"payload\"\r\nContent-Type: application/octet-stream\r\n\r\n" + payload);
+    EXPECT_NE(std::string::npos, payload_part) << b;
     EXPECT_LT(request_part, payload_part);
 
     EXPECT_EQ("fq-av-scanproxy.ping", reqs[1].header("X-Target-Service"));

@@ -25,7 +25,8 @@ TEST(GatewayScan, ScanClientFindsEicarThroughTheGateway)
 
     const std::string eicar = env.dir / "eicar.com";
     const std::string clean = env.dir / "clean.txt";
-    fqtest::write_file(eicar, std::string("X5O!P%@AP[4\\PZX54(P^)7CC)7}$") + "EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*");
+    const std::string virus = std::string("X5O!P%@AP[4\\PZX54(P^)7CC)7}$") + "EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
+    fqtest::write_file(eicar, virus);
     fqtest::write_file(clean, "nothing to see here\n");
     const std::string scan = FQ_BUILD_DIR "/fq-av-scan";
     std::string out;

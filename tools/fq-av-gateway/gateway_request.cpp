@@ -294,7 +294,8 @@ Refusal check_head(const Policy& policy, const Head& head, std::string* service,
     if (services > 1)
         return s_refuse(400, "header X-Target-Service given more than once");
     char why[256];
-    if (fq_nats_check_name(value.c_str(), FQ_NAME_SERVICE, why, sizeof(why)) != 0 || value.size() != strlen(value.c_str()))
+    if (fq_nats_check_name(value.c_str(), FQ_NAME_SERVICE, why, sizeof(why)) != 0 ||
+        value.size() != strlen(value.c_str()))
         return s_refuse(400, "X-Target-Service '" + fq_nats_printable(value.c_str()) + "' refused: " + why);
     if (!policy.services.empty() &&
         std::find(policy.services.begin(), policy.services.end(), value) == policy.services.end())

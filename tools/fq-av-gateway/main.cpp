@@ -17,6 +17,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <new>
 #include <string>
@@ -90,21 +91,25 @@ bool s_read_text_file(const std::string& path, std::string* out, std::string* er
     return true;
 }
 
-// "user:password" on the first line of the file.
+// "user:password" on the first line of the file; only their hash stays in memory.
 bool s_load_credentials(const std::string& path, fqgw::Policy* policy, std::string* error)
 {
     std::string text;
     if (!s_read_text_file(path, &text, error))
         return false;
-    text = text.substr(0, text.find_first_of("\r\n"));
+    const size_t end = std::min(text.find_first_of("\r\n"), text.size());
     const size_t colon = text.find(':');
-    if (colon == std::string::npos || colon == 0) {
+    const bool ok = colon != std::string::npos && colon > 0 && colon < end;
+    if (ok) {
+        std::string user = text.substr(0, colon);
+        std::string password = text.substr(colon + 1, end - colon - 1);
+        fqgw::set_credentials(policy, user, password);
+        sodium_memzero(password.data(), password.size());
+    } else {
         *error = path + ": expected one line user:password";
-        return false;
     }
-    fqgw::set_credentials(policy, text.substr(0, colon), text.substr(colon + 1));
     sodium_memzero(text.data(), text.size());
-    return true;
+    return ok;
 }
 
 bool s_parse_listen(const std::string& listen, struct sockaddr_storage* addr, bool* ipv6)
@@ -173,12 +178,11 @@ MHD_Result s_respond(struct MHD_Connection* conn, RequestCtx* ctx, int status, c
 // A refusal: its status, and a body that no client can take for a verdict.
 MHD_Result s_refuse(struct MHD_Connection* conn, RequestCtx* ctx, const fqgw::Refusal& r)
 {
+    const char* service = ctx->service.empty() ? "(no service)" : ctx->service.c_str();
     if (r.status >= 500)
-        log_error("fq-av-gateway: %d for %s: %s", r.status, ctx->service.empty() ? "(no service)" : ctx->service.c_str(),
-                  r.text.c_str());
+        log_error("fq-av-gateway: %d for %s: %s", r.status, service, r.text.c_str());
     else
-        log_warn("fq-av-gateway: %d for %s: %s", r.status, ctx->service.empty() ? "(no service)" : ctx->service.c_str(),
-                 r.text.c_str());
+        log_warn("fq-av-gateway: %d for %s: %s", r.status, service, r.text.c_str());
     fq_json_ptr body(json_object_new_object());
     if (!body)
         return MHD_NO;
@@ -222,7 +226,8 @@ MHD_Result s_forward(Gateway* gw, struct MHD_Connection* conn, RequestCtx* ctx, 
             return s_refuse(conn, ctx, {502, "the reply of " + ctx->service + " was empty or not JSON"});
         return s_refuse(conn, ctx, {strstr(err, "timed out") ? 504 : 502, err});
     }
-    const char* text = json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+    const char* text =
+        json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
     if (!text)
         return s_refuse(conn, ctx, {500, "out of memory"});
     return s_respond(conn, ctx, 200, text);
@@ -343,9 +348,13 @@ int main(int argc, char** argv)
             {"max-body", "BYTES", "largest request body, suffix K, M or G (default 32M, largest 2G)",
              [&](const char* v) { return fqhlp_parse_size(v, 1LL << 31, &max_body) && max_body > 0; }},
             {"forward-timeout", "D", "wait this long for the service's reply (default 60s)",
-             [&](const char* v) { return peer_parse_duration_ms(v, &set.forward_timeout_ms) && set.forward_timeout_ms > 0; }},
+             [&](const char* v) {
+                 return peer_parse_duration_ms(v, &set.forward_timeout_ms) && set.forward_timeout_ms > 0;
+             }},
             {"read-timeout", "D", "a request must arrive whole within this time (default 30s)",
-             [&](const char* v) { return peer_parse_duration_ms(v, &set.read_timeout_ms) && set.read_timeout_ms >= 1000; }},
+             [&](const char* v) {
+                 return peer_parse_duration_ms(v, &set.read_timeout_ms) && set.read_timeout_ms >= 1000;
+             }},
         },
     };
     peer_options_t opts;

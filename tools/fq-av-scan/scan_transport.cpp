@@ -1,6 +1,7 @@
 // fq-av-scan's transport: how a job reaches the worker (a core request to its queue group, a job on
-// its work queue with a reply inbox, or a POST to an HTTP gateway) and how the client pings it. A work-queue job that nobody took
-// in time is removed from the stream again, so that no worker scans it after its staging is gone.
+// its work queue with a reply inbox, or a POST to an HTTP gateway) and how the client pings it. A
+// work-queue job that nobody took in time is removed from the stream again, so that no worker scans
+// it after its staging is gone.
 #include "scan_transport.h"
 
 #include <json-c/json.h>
