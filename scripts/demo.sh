@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The whole system on this machine in one command: installs what is missing, builds, starts a
 # private nats-server with JetStream, provisions it, starts the reference peers and the worker,
-# scans a few samples made on the spot with fq-av-scan, sends one of them to the quarantine sealed
-# under a pass phrase and restores it from there, and stops everything it started again.
+# scans a few samples made on the spot with fq-av-scan, one of them once more through the HTTP
+# gateway fq-av-gateway, sends one to the quarantine sealed under a pass phrase and restores it from
+# there, and stops everything it started again.
 #
 #   bash scripts/demo.sh                 run the demo and stop
 #   bash scripts/demo.sh --keep-running  leave the broker, peers and worker running afterwards
@@ -18,7 +19,7 @@ BUILD=${FQ_BUILD_DIR:-build}
 case "$BUILD" in /*) ;; *) BUILD="$ROOT/$BUILD" ;; esac
 
 PEERS=(fq-av-log fq-av-events-dispatch fq-av-worker-control fq-av-mimescan fq-av-clamav fq-av-quarantine)
-PROGRAMS=(fq-av-scanproxy fq-av-provision fq-av-scan "${PEERS[@]}")
+PROGRAMS=(fq-av-scanproxy fq-av-provision fq-av-scan fq-av-gateway "${PEERS[@]}")
 
 say() { printf 'demo: %s\n' "$*"; }
 die() { printf 'demo: %s\n' "$*" >&2; exit 1; }
@@ -27,8 +28,9 @@ usage() {
   cat <<EOF
 Usage: bash scripts/demo.sh [--keep-running | --stop DIR | --help]
 Installs, builds, starts nats-server -js on 127.0.0.1 (a free port, a temporary store), provisions it,
-starts ${PEERS[*]} and fq-av-scanproxy, scans sample files with fq-av-scan, quarantines
-one of them sealed and restores it, and stops everything it started, also on Ctrl-C.
+starts ${PEERS[*]}, fq-av-gateway and fq-av-scanproxy, scans sample files with fq-av-scan
+(one of them through the gateway), quarantines one sealed and restores it, and stops everything it
+started, also on Ctrl-C.
   --keep-running  leave everything running and print how to use and stop it
   --stop DIR      stop what a --keep-running demo started (DIR is printed by it)
 Environment: FQ_BUILD_DIR (default build), FQ_DEMO_SKIP_INSTALL=1, FQ_DEMO_SKIP_BUILD=1.
@@ -188,6 +190,8 @@ start fq-av-clamav "$BUILD/fq-av-clamav" --broker "$URL" --threads 2
 # Without a pass phrase of its own: sealed objects stay sealed until an operator restores them.
 Q="$WORK/quarantine"
 start fq-av-quarantine "$BUILD/fq-av-quarantine" --broker "$URL" --threads 1 --key demo --directory "$Q"
+# The HTTP gateway for clients without access to the broker, on a port it picks itself.
+start fq-av-gateway "$BUILD/fq-av-gateway" --broker "$URL" --listen 127.0.0.1:0 --threads 2
 start fq-av-scanproxy "$BUILD/fq-av-scanproxy" --console-mode --basedir "$WORK/base" --broker "$URL" \
   --tracefile "$WORK/trace.log" --tracelevel 4 --worker-threads 8
 
@@ -239,7 +243,25 @@ case "$scan_status" in
   *) say "fq-av-scan exit status $scan_status: errors (see $WORK/trace.log and $WORK/logs/)" ;;
 esac
 
-# 5. The quarantine: the EICAR sample once more, in a job that asks for non-clean objects to go to
+# 5. The EICAR sample once more, as a client that only reaches the HTTP gateway.
+gw=""
+for ((i = 0; i < 100; i++)); do
+  gw=$(sed -n 's|.*listening on \(http://127\.0\.0\.1:[0-9][0-9]*\).*|\1|p' \
+    "$WORK/logs/fq-av-gateway.log" 2>/dev/null | head -n 1) || true
+  [ -n "$gw" ] && break
+  expect_alive fq-av-gateway
+  sleep 0.1
+done
+[ -n "$gw" ] || die "fq-av-gateway did not start listening within 10 s"
+say "scanning $S/eicar.com through the HTTP gateway $gw"
+echo
+set +e
+"$BUILD/fq-av-scan" --broker "$gw" "$S/eicar.com"
+gateway_status=$?
+set -e
+echo
+
+# 6. The quarantine: the EICAR sample once more, in a job that asks for non-clean objects to go to
 #    fq-av-quarantine.demo sealed under a pass phrase; then restored from there with that phrase.
 (umask 077 && printf '%s\n' 'demo pass phrase: not for production' >"$WORK/quarantine.pass")
 (umask 077 && printf '{"CLEANQUARANTINE": "demo:%s"}\n' "$(head -n 1 "$WORK/quarantine.pass")" \
@@ -272,10 +294,11 @@ demo: everything keeps running
   broker   $URL
   scan     $BUILD/fq-av-scan --broker $URL PATH...
            e.g. $BUILD/fq-av-scan --broker $URL --verbose $S
+  gateway  $gw (also: $BUILD/fq-av-scan --broker $gw PATH...)
   trace    $WORK/trace.log; program output in $WORK/logs/
   quarantine $BUILD/fq-av-quarantine list --directory $Q
   records  tail -f $WORK/logs/log-records.jsonl $WORK/logs/events.jsonl
   stop     bash scripts/demo.sh --stop $WORK
 EOF
 fi
-[ "$scan_status" = 1 ] && [ "$quarantine_status" = 1 ]
+[ "$scan_status" = 1 ] && [ "$quarantine_status" = 1 ] && [ "$gateway_status" = 1 ]

@@ -13,6 +13,7 @@ PACKAGES=(
   libmagic-dev libclamav-dev
   clang-14 libclang-rt-14-dev
   libsystemd-dev
+  libmicrohttpd-dev
 )
 
 missing=()

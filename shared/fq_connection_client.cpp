@@ -1,9 +1,9 @@
 // The connection facade: the one door through which the worker reaches its broker and the services
 // behind it. Every request, staging, registry write and serving thread goes through here, and the
-// URL's scheme picks the transport on each call: NATS, or the HTTP gateway, which this build does
-// not have and which therefore refuses every request with a clear error. Nothing above this unit
-// knows about NATS, and nothing in it knows about scans. It never reports a request as done that
-// was not delivered.
+// URL's scheme picks the transport on each call: NATS, or the HTTP gateway, where a request is one
+// POST per attempt and the worker-side operations are refused. Nothing above this unit knows about
+// NATS, and nothing in it knows about scans. It never reports a request as done that was not
+// delivered.
 #include "fq_connection_client.h"
 
 #include <curl/curl.h>
@@ -11,19 +11,43 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "fq_http_gateway_client.h"
 #include "fq_nats_client.h"
+#include "fq_raii.h"
 #include "log.h"
 
 namespace {
 
-const char s_gateway_unavailable[] = "fq_http_gateway_client: HTTP gateway support is not available in this build";
-
-// Until the gateway client is part of the build, every gateway request ends here.
-void s_gateway_refuse(const char* service, char* errormsg)
+// The gateway options of a request: proxy and CA from the record, everything else at its default.
+fq_gateway_opts_t s_gateway_opts(const fq_connection_config* cfg)
 {
-    log_error("%s (service %s)", s_gateway_unavailable, service ? service : "(null)");
-    if (errormsg)
-        snprintf(errormsg, 1024, "%s", s_gateway_unavailable);
+    fq_gateway_opts_t opts;
+    fq_gateway_opts_defaults(&opts);
+    opts.proxy_host = cfg->http_proxy_host;
+    opts.proxy_port = cfg->http_proxy_port;
+    opts.proxy_user = cfg->http_proxy_user;
+    opts.proxy_password = cfg->http_proxy_password;
+    opts.ca_path = cfg->cert_path;
+    return opts;
+}
+
+// retries + 1 POSTs back to back until one gives a reply; errormsg keeps the last failure.
+template <typename Send>
+json_object* s_gateway_attempts(const char* label, const char* service, uint32_t retries, char* errormsg, Send send)
+{
+    char local_error[1024];
+    if (!errormsg)
+        errormsg = local_error;
+    errormsg[0] = '\0';
+    const uint32_t attempts = retries == UINT32_MAX ? retries : retries + 1;
+    for (uint32_t attempt = 1; attempt <= attempts; ++attempt) {
+        json_object* reply = nullptr;
+        if (send(&reply, errormsg) == 0)
+            return reply;
+        log_debug("%s: HTTP attempt %u/%u to %s failed: %s", label, attempt, attempts, service ? service : "(null)",
+                  errormsg);
+    }
+    return nullptr;
 }
 
 char* s_dup(const char* s)
@@ -101,8 +125,13 @@ json_object* fq_connection_send_recv_json(fq_connection_config* cfg, const char*
                                           uint32_t timeout_ms, uint32_t retries, char* errormsg)
 {
     if (cfg && is_http_url(cfg->server_url)) {
-        s_gateway_refuse(service, errormsg);
-        return nullptr;
+        const fq_gateway_opts_t opts = s_gateway_opts(cfg);
+        return s_gateway_attempts("fq_connection_send_recv_json", service, retries, errormsg,
+                                  [&](json_object** reply, char* err) {
+                                      return fq_gateway_send_recv_json(cfg->server_url, cfg->user, cfg->password,
+                                                                       service, request_json_txt, &opts, timeout_ms,
+                                                                       reply, err);
+                                  });
     }
     return fq_nats_send_recv_json(cfg, service, request_json_txt, timeout_ms, retries, errormsg);
 }
@@ -112,8 +141,25 @@ json_object* fq_connection_send_recv_json_data(fq_connection_config* cfg, const 
                                                uint64_t extra_timeout_ms, uint32_t retries, char* errormsg)
 {
     if (cfg && is_http_url(cfg->server_url)) {
-        s_gateway_refuse(service, errormsg);
-        return nullptr;
+        if (!rr || !rr->request) {
+            if (errormsg)
+                snprintf(errormsg, 1024, "invalid parameters for the HTTP gateway request");
+            return nullptr;
+        }
+        const fq_gateway_opts_t opts = s_gateway_opts(cfg);
+        const fq_const_message_t* req = rr->request;
+        json_object* reply = s_gateway_attempts(
+            "fq_connection_send_recv_json_data", service, retries, errormsg, [&](json_object** out, char* err) {
+                return fq_gateway_send_recv_scan(cfg->server_url, cfg->user, cfg->password, service, req->json_txt,
+                                                 req->data, req->data_len, &opts, timeout_ms + extra_timeout_ms, out,
+                                                 err);
+            });
+        if (reply && rr->reply) {
+            free(rr->reply->json_txt);
+            const char* text = json_object_to_json_string(reply);
+            rr->reply->json_txt = text ? strdup(text) : nullptr;
+        }
+        return reply;
     }
     return fq_nats_send_recv_json_data(cfg, service, rr, timeout_ms, extra_timeout_ms, retries, errormsg);
 }
@@ -121,11 +167,13 @@ json_object* fq_connection_send_recv_json_data(fq_connection_config* cfg, const 
 int fq_connection_simple_request(fq_connection_config* cfg, const char* service, const char* request_json_txt,
                                  unsigned timeout_ms, int retries, char* errormsg)
 {
-    if (cfg && is_http_url(cfg->server_url)) {
-        s_gateway_refuse(service, errormsg);
+    // Both transports: a negative count means no extra attempt, not four billion of them.
+    fq_json_ptr reply(fq_connection_send_recv_json(cfg, service, request_json_txt, timeout_ms,
+                                                   retries < 0 ? 0u : (uint32_t)retries, errormsg));
+    json_object* rc = nullptr;
+    if (!reply || !json_object_object_get_ex(reply.get(), "ReturnCode", &rc))
         return -1;
-    }
-    return fq_nats_simple_request(cfg, service, request_json_txt, timeout_ms, retries, errormsg);
+    return json_object_get_int(rc);
 }
 
 int fq_connection_stage_scan_data(fq_connection_config* cfg, const void* data, size_t data_len, uint64_t timeout_ms,

@@ -7,6 +7,7 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <curl/curl.h>
 #include <dirent.h>
 #include <errno.h>
 #include <json-c/json.h>
@@ -66,6 +67,10 @@ using fq_js_ctx_ptr = std::unique_ptr<jsCtx, fq::fn_deleter<jsCtx_Destroy>>;
 using fq_js_puback_ptr = std::unique_ptr<jsPubAck, fq::fn_deleter<jsPubAck_Destroy>>;
 using fq_js_consumer_info_ptr = std::unique_ptr<jsConsumerInfo, fq::fn_deleter<jsConsumerInfo_Destroy>>;
 using fq_json_tokener_ptr = std::unique_ptr<json_tokener, fq::fn_deleter<json_tokener_free>>;
+// cURL handles.
+using fq_curl_ptr = std::unique_ptr<CURL, fq::fn_deleter<curl_easy_cleanup>>;
+using fq_curl_mime_ptr = std::unique_ptr<curl_mime, fq::fn_deleter<curl_mime_free>>;
+using fq_curl_slist_ptr = std::unique_ptr<struct curl_slist, fq::fn_deleter<curl_slist_free_all>>;
 // Files, directories and archives.
 using fq_file_ptr = std::unique_ptr<FILE, fq::fn_deleter<fclose>>;
 using fq_dir_ptr = std::unique_ptr<DIR, fq::fn_deleter<closedir>>;

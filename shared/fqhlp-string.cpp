@@ -4,6 +4,8 @@
 #include "fqhlp-string.h"
 
 #include <ctype.h>
+#include <errno.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <sodium.h>
@@ -53,3 +55,30 @@ void fqhlp_rand_str(char* dest, size_t length)
         dest[i] = charset[randombytes_uniform(sizeof(charset) - 1)];
     dest[length] = '\0';
 }
+
+bool fqhlp_parse_size(const char* text, int64_t max, int64_t* out)
+{
+    if (!text || !*text)
+        return false;
+    errno = 0;
+    char* end = nullptr;
+    const long long v = strtoll(text, &end, 10);
+    if (errno != 0 || end == text || v < 0)
+        return false;
+    long long factor = 1;
+    if (*end == 'K' || *end == 'k')
+        factor = 1024;
+    else if (*end == 'M' || *end == 'm')
+        factor = 1024LL * 1024;
+    else if (*end == 'G' || *end == 'g')
+        factor = 1024LL * 1024 * 1024;
+    else if (*end != '\0')
+        return false;
+    if (factor != 1 && end[1] != '\0')
+        return false;
+    if (v > max / factor)
+        return false;
+    *out = v * factor;
+    return true;
+}
+

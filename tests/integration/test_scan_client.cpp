@@ -77,7 +77,7 @@ protected:
     void TearDown() override
     {
         // Whatever a run staged, it removed again.
-        EXPECT_EQ(std::vector<std::string>{}, staged_keys());
+        EXPECT_EQ(std::vector<std::string>{}, fqtest::staged_keys(env->peer));
     }
 
     ScanRun scan(std::vector<std::string> args)
@@ -109,23 +109,6 @@ protected:
             mkdir(path.substr(0, p).c_str(), 0755);
         fqtest::write_file(path, content);
         return path;
-    }
-
-    static std::vector<std::string> staged_keys()
-    {
-        std::vector<std::string> keys;
-        jsCtx* js = nullptr;
-        kvStore* kv = nullptr;
-        kvKeysList list{};
-        if (natsConnection_JetStream(&js, env->peer, nullptr) == NATS_OK &&
-            js_KeyValue(&kv, js, "fq-av-scan-data") == NATS_OK && kvStore_Keys(&list, kv, nullptr) == NATS_OK) {
-            for (int i = 0; i < list.Count; ++i)
-                keys.emplace_back(list.Keys[i]);
-            kvKeysList_Destroy(&list);
-        }
-        kvStore_Destroy(kv);
-        jsCtx_Destroy(js);
-        return keys;
     }
 
     static uint64_t stream_messages(const char* stream)

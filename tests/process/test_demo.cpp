@@ -102,6 +102,10 @@ TEST_F(Demo, ScansTheSamplesAndStopsWhatItStarted)
     // The nested file, as the engine names it inside the archive.
     EXPECT_TRUE(s_has_line(out, "  archive\\.zip/.+/eicar\\.com: .*Eicar.* FOUND.*")) << out;
     EXPECT_TRUE(s_has_line(out, ".*/samples/large\\.bin: File too large BLOCKED")) << out;
+    // A client that only reaches the HTTP gateway gets the same finding.
+    const size_t via_gateway = out.find("through the HTTP gateway http://127.0.0.1:");
+    ASSERT_NE(std::string::npos, via_gateway) << out;
+    EXPECT_TRUE(s_has_line(out.substr(via_gateway), ".*/samples/eicar\\.com: .*Eicar.* FOUND")) << out;
     // The sample sent to the quarantine sealed comes back from it as it was.
     EXPECT_TRUE(s_has_line(out, "[0-9T]+Z-[0-9a-f-]+\t.*\tsealed\teicar\\.com\t.*Eicar.*")) << out;
     EXPECT_TRUE(s_has_line(out, "demo: restored \\S+ from the quarantine: SHA-256 [0-9a-f]{64} matches the original"))
@@ -121,7 +125,8 @@ TEST_F(Demo, ScansTheSamplesAndStopsWhatItStarted)
     for (const auto& s : started)
         names.push_back(s.name);
     EXPECT_EQ((std::vector<std::string>{"nats-server", "fq-av-log", "fq-av-events-dispatch", "fq-av-worker-control",
-                                        "fq-av-mimescan", "fq-av-clamav", "fq-av-quarantine", "fq-av-scanproxy"}),
+                                        "fq-av-mimescan", "fq-av-clamav", "fq-av-quarantine", "fq-av-gateway",
+                                        "fq-av-scanproxy"}),
               names);
     expect_all_gone(started);
     const std::string work = s_match(out, "demo: scanning (.*)/samples");
@@ -135,7 +140,7 @@ TEST_F(Demo, KeepRunningLeavesItUpUntilStopped)
     std::string out;
     ASSERT_EQ(0, finish(demo, &out)) << out << fqtest::read_file(demo.stderr_path);
     const auto started = s_started(out);
-    ASSERT_EQ(8u, started.size()) << out;
+    ASSERT_EQ(9u, started.size()) << out;
     for (const auto& s : started)
         EXPECT_TRUE(fqtest::process_alive(s.pid)) << s.name;
 
@@ -166,7 +171,7 @@ TEST_F(Demo, InterruptedStopsWhatItStarted)
     // Normally caught on the way; a demo that was already done ends with 0.
     EXPECT_TRUE(status == 143 || status == 0) << status << "\n" << out;
     const auto started = s_started(out);
-    EXPECT_EQ(8u, started.size()) << out;
+    EXPECT_EQ(9u, started.size()) << out;
     expect_all_gone(started);
 }
 

@@ -34,6 +34,23 @@ char* s_dup(const std::string& s)
 
 }  // namespace
 
+std::vector<std::string> staged_keys(natsConnection* nc)
+{
+    std::vector<std::string> keys;
+    jsCtx* js = nullptr;
+    kvStore* kv = nullptr;
+    kvKeysList list{};
+    if (natsConnection_JetStream(&js, nc, nullptr) == NATS_OK && js_KeyValue(&kv, js, "fq-av-scan-data") == NATS_OK &&
+        kvStore_Keys(&list, kv, nullptr) == NATS_OK) {
+        for (int i = 0; i < list.Count; ++i)
+            keys.emplace_back(list.Keys[i]);
+        kvKeysList_Destroy(&list);
+    }
+    kvStore_Destroy(kv);
+    jsCtx_Destroy(js);
+    return keys;
+}
+
 int free_tcp_port()
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

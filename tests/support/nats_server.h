@@ -127,6 +127,8 @@ std::optional<std::string> request(natsConnection* nc, const std::string& subjec
 // true once subject answers a ping within limit.
 bool answers_ping(natsConnection* nc, const std::string& subject,
                   std::chrono::milliseconds limit = std::chrono::milliseconds(20000));
+// The keys in fq-av-scan-data right now, read over a peer connection.
+std::vector<std::string> staged_keys(natsConnection* nc);
 
 // Frees a record from make_config with the texts it owns; the connection must be closed.
 void free_config(fq_connection_config** cfg);

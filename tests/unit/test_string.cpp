@@ -27,4 +27,22 @@ TEST(RandStr, LengthCharactersOfTheWholeAlphabetThatDifferEachTime)
     EXPECT_EQ(std::set<char>(many.begin(), many.end() - 1).size(), alphabet.size());
 }
 
+TEST(ParseSize, SuffixesAreKibibytesAndTheLimitHolds)
+{
+    const struct {
+        const char* text;
+        int64_t max;
+        int64_t want;  // -1: refused
+    } cases[] = {
+        {"0", 10, 0},           {"12K", 1 << 20, 12288}, {"2m", 1LL << 32, 2097152}, {"1G", 1LL << 30, 1073741824},
+        {"1G", (1LL << 30) - 1, -1}, {"11", 10, -1},     {"-1", 10, -1},             {"1KB", 1 << 20, -1},
+        {"K", 1 << 20, -1},     {"", 10, -1},            {"99999999999999999999", INT64_MAX, -1},
+    };
+    for (const auto& c : cases) {
+        int64_t out = -1;
+        EXPECT_EQ(c.want >= 0, fqhlp_parse_size(c.text, c.max, &out)) << c.text;
+        EXPECT_EQ(c.want, out) << c.text;
+    }
+}
+
 }  // namespace

@@ -28,6 +28,7 @@
 #include "fq_nats_client.h"
 #include "fq_raii.h"
 #include "fqerror.h"
+#include "fqhlp-string.h"
 #include "log.h"
 #include "scan_job.h"
 #include "scan_transport.h"
@@ -74,7 +75,8 @@ void s_usage(FILE* out, const char* prog)
             "Usage: %s [options] PATH...\n"
             "Scans files and directory trees through the broker: each file is staged in the KV bucket\n"
             "fq-av-scan-data, scanned by fq-av-scanproxy and the services the policy names, and its staging\n"
-            "is removed again. Prints one verdict per file:\n"
+            "is removed again (through an HTTP gateway, each file goes with its request and the gateway\n"
+            "stages it). Prints one verdict per file:\n"
             "  PATH: OK                   clean\n"
             "  PATH: <reason> FOUND       malware found (code -210)\n"
             "  PATH: <reason> BLOCKED     policy violation (-200), active content (-202), blocked (-199),\n"
@@ -82,10 +84,11 @@ void s_usage(FILE* out, const char* prog)
             "  PATH: ERROR <text>         the object could not be scanned; never taken as clean\n"
             "\n"
             "Broker:\n"
-            "  -b, --broker URL           broker URL (default nats://127.0.0.1:4222); host:port means tls://host:port\n"
-            "  -u, --user NAME            user name\n"
+            "  -b, --broker URL           broker URL (default nats://127.0.0.1:4222; host:port means tls://host:port),\n"
+            "                             or an HTTP gateway's http:// or https:// URL (path /vsi unless given)\n"
+            "  -u, --user NAME            user name (at a gateway: Basic authentication)\n"
             "  -p, --password TEXT        password\n"
-            "  -c, --broker-cert FILE     CA certificate that signed the broker's certificate\n"
+            "  -c, --broker-cert FILE     CA certificate that signed the broker's (or gateway's) certificate\n"
             "      --js                   send the jobs through the work queue jobs.fq-av-scanproxy\n"
             "                             (needs a worker started with --js-ingress)\n"
             "      --ping                 only check that a worker answers on fq-av-scanproxy.ping\n"
@@ -124,32 +127,6 @@ bool s_parse_int(const char* text, int64_t min, int64_t max, int64_t* out)
     if (errno != 0 || end == text || *end != '\0' || v < min || v > max)
         return false;
     *out = v;
-    return true;
-}
-
-bool s_parse_size(const char* text, int64_t max, int64_t* out)
-{
-    if (!text || !*text)
-        return false;
-    errno = 0;
-    char* end = nullptr;
-    const long long v = strtoll(text, &end, 10);
-    if (errno != 0 || end == text || v < 0)
-        return false;
-    long long factor = 1;
-    if (*end == 'K' || *end == 'k')
-        factor = 1024;
-    else if (*end == 'M' || *end == 'm')
-        factor = 1024LL * 1024;
-    else if (*end == 'G' || *end == 'g')
-        factor = 1024LL * 1024 * 1024;
-    else if (*end != '\0')
-        return false;
-    if (factor != 1 && end[1] != '\0')
-        return false;
-    if (v > max / factor)
-        return false;
-    *out = v * factor;
     return true;
 }
 
@@ -215,13 +192,13 @@ int s_parse_args(int argc, char** argv, Options* o)
             ok = s_parse_int(optarg, 0, INT32_MAX, &o->policy.timeout_ms);
             break;
         case 'm':
-            ok = s_parse_size(optarg, INT32_MAX, &o->policy.max_size);
+            ok = fqhlp_parse_size(optarg, INT32_MAX, &o->policy.max_size);
             break;
         case 'd':
             ok = s_parse_int(optarg, 0, INT32_MAX, &o->policy.depth);
             break;
         case OPT_MAX_FILE:
-            ok = s_parse_size(optarg, kObjectLenMax, &o->max_file_size);
+            ok = fqhlp_parse_size(optarg, kObjectLenMax, &o->max_file_size);
             break;
         case 'f':
             o->follow = true;
@@ -307,8 +284,8 @@ bool s_connect(const Options& o, Connection* c, std::string* error)
         c->cfg->password = strdup(o.password.c_str());
     if (!o.ca_file.empty())
         c->cfg->cert_path = strdup(o.ca_file.c_str());
-    if (is_http_url(o.url.c_str())) {
-        *error = "the HTTP gateway is not supported by fq-av-scan; give a nats:// or tls:// URL";
+    if (is_http_url(o.url.c_str()) && o.js) {
+        *error = "--js needs the broker itself; a gateway decides how it reaches the worker";
         return false;
     }
     // The facade hands over a handle that keeps trying in the background; a client wants an answer now.
@@ -316,6 +293,8 @@ bool s_connect(const Options& o, Connection* c, std::string* error)
     char why[512] = "";
     if (rc != 0 || fq_connection_state(c->cfg, why, sizeof(why)) != FQ_CONNECTION_UP) {
         const char* last = nats_GetLastError(nullptr);
+        if (rc != 0 && is_http_url(o.url.c_str()))
+            last = "cannot initialise cURL";
         *error = "cannot connect to the broker at " + o.url + ": " +
                  (why[0] ? why : (last && *last ? last : "see the log above"));
         return false;
@@ -524,6 +503,17 @@ fqscan::Outcome s_scan_file(const Options& o, fq_connection_config* cfg, json_ob
     const size_t size = data.size();
 
     const int64_t wait_ms = fqscan::reply_wait_ms(policy);
+    std::string reply;
+    if (is_http_url(cfg->server_url)) {
+        // Through a gateway the bytes go with the request, and the gateway stages them.
+        const std::string job =
+            fqscan::job_text(policy, s_basename(item.path), size, fqscan::new_event_id(), nullptr);
+        if (job.empty())
+            return fqscan::error_outcome("out of memory");
+        if (!fqscan::request_gateway(cfg, job, data.data(), size, wait_ms, &reply, &error))
+            return fqscan::error_outcome(error);
+        return fqscan::interpret_reply(reply.data(), reply.size());
+    }
     // Removed again when the scan of this file ends, whatever way it ends.
     fq_staged_key staging(cfg);
     // An empty object has nothing to stage: the job alone says that it is empty.
@@ -540,7 +530,6 @@ fqscan::Outcome s_scan_file(const Options& o, fq_connection_config* cfg, json_ob
         fqscan::job_text(policy, s_basename(item.path), size, fqscan::new_event_id(), staging.key);
     if (job.empty())
         return fqscan::error_outcome("out of memory");
-    std::string reply;
     const bool got = o.js ? fqscan::request_work_queue(cfg, job, wait_ms, &reply, &error)
                           : fqscan::request_core(cfg, job, wait_ms, &reply, &error);
     if (!got)
@@ -620,11 +609,13 @@ int main(int argc, char** argv)
         printf("%s.ping: alive\n", fqscan::kWorkerService);
         return kExitClean;
     }
-    if (!conn.cfg->_js) {
+    // Staging needs JetStream and the bucket; a gateway stages for its clients.
+    const bool gateway = is_http_url(opts.url.c_str());
+    if (!gateway && !conn.cfg->_js) {
         fprintf(stderr, "%s: the broker at %s has no JetStream; staging needs it\n", argv[0], opts.url.c_str());
         return kExitError;
     }
-    if (!get_kvstore(conn.cfg)) {
+    if (!gateway && !get_kvstore(conn.cfg)) {
         fprintf(stderr, "%s: the KV bucket %s does not exist on %s (provision the broker with fq-av-provision)\n",
                 argv[0], FQ_KV_SCAN_DATA_BUCKET, opts.url.c_str());
         return kExitError;

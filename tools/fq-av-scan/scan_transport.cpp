@@ -1,12 +1,13 @@
-// fq-av-scan's transport: how a job reaches the worker (a core request to its queue group, or a job
-// on its work queue with a reply inbox) and how the client pings it. A work-queue job that nobody took
-// in time is removed from the stream again, so that no worker scans it after its staging is gone.
+// fq-av-scan's transport: how a job reaches the worker (a core request to its queue group, a job on
+// its work queue with a reply inbox, or a POST to an HTTP gateway) and how the client pings it. A
+// work-queue job that nobody took in time is removed from the stream again, so that no worker scans
+// it after its staging is gone.
 #include "scan_transport.h"
 
 #include <json-c/json.h>
 #include <nats/nats.h>
 #include <stdio.h>
-
+#include <stdlib.h>
 
 #include "fq_nats_client.h"
 #include "fq_nats_nr_backoff.h"
@@ -150,8 +151,42 @@ bool request_work_queue(fq_connection_config* cfg, const std::string& body, int6
     return false;
 }
 
+bool request_gateway(fq_connection_config* cfg, const std::string& body, const void* data, size_t len,
+                     int64_t wait_ms, std::string* reply, std::string* error)
+{
+    fq_const_rr_ptr rr(fq_const_request_reply_new());
+    if (!rr) {
+        *error = "out of memory";
+        return false;
+    }
+    rr->request->json_txt = body.c_str();
+    rr->request->data = static_cast<const unsigned char*>(data);
+    rr->request->data_len = len;
+    char errbuf[1024] = "";
+    // One attempt: a scan the gateway took may still be running when a second one would start.
+    fq_json_ptr obj(
+        fq_connection_send_recv_json_data(cfg, kWorkerService, rr.get(), (uint64_t)wait_ms, 0, 0, errbuf));
+    free(rr->reply->json_txt);
+    rr->reply->json_txt = nullptr;
+    if (!obj) {
+        *error = errbuf[0] ? errbuf : "no reply from the gateway";
+        return false;
+    }
+    *reply = json_object_to_json_string_ext(obj.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+    return true;
+}
+
 bool ping_worker(fq_connection_config* cfg, int64_t wait_ms, std::string* error)
 {
+    if (cfg && is_http_url(cfg->server_url)) {
+        char errbuf[1024] = "";
+        const std::string subject = std::string(kWorkerService) + ".ping";
+        fq_json_ptr obj(fq_connection_send_recv_json(cfg, subject.c_str(), "{ \"Command\" : 3 }", (uint32_t)wait_ms,
+                                                     0, errbuf));
+        if (!obj)
+            *error = errbuf[0] ? errbuf : "no reply from the gateway";
+        return obj != nullptr;
+    }
     auto* conn = cfg ? static_cast<natsConnection*>(cfg->_conn) : nullptr;
     if (!conn) {
         *error = "not connected to the broker";

@@ -1,6 +1,7 @@
 // fq-av-scan: how a job reaches the worker and its reply comes back.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <string>
@@ -22,7 +23,12 @@ bool request_core(fq_connection_config* cfg, const std::string& body, int64_t wa
 bool request_work_queue(fq_connection_config* cfg, const std::string& body, int64_t wait_ms, std::string* reply,
                         std::string* error);
 
-// PING to <service>.ping; true when any reply came.
+// The job and the object's bytes (data may be null when len is 0) in one POST to the HTTP gateway
+// the connection names; true with the reply text, or false with the reason.
+bool request_gateway(fq_connection_config* cfg, const std::string& body, const void* data, size_t len,
+                     int64_t wait_ms, std::string* reply, std::string* error);
+
+// PING to <service>.ping (through the gateway in gateway mode); true when any reply came.
 bool ping_worker(fq_connection_config* cfg, int64_t wait_ms, std::string* error);
 
 }  // namespace fqscan

@@ -321,8 +321,10 @@ int peer_parse_command_line(int argc, char** argv, const peer_program_t& program
     return -1;
 }
 
-int peer_serve(const peer_program_t& program, const peer_options_t& opts, const peer_service_t& service)
+int peer_connect(const peer_program_t& program, const peer_options_t& opts, bool needs_jetstream,
+                 fq_connection_config** out)
 {
+    *out = nullptr;
     log_set_level(opts.log_level);
     s_install_signals();
 
@@ -349,17 +351,49 @@ int peer_serve(const peer_program_t& program, const peer_options_t& opts, const 
     if (fq_connection_init(cfg) != 0 || !s_connected(cfg)) {
         fprintf(stderr, "%s: cannot connect to the broker at %s (see the log above)\n", program.name,
                 opts.broker.c_str());
-        fq_connection_deinit(cfg);
-        s_free_config(cfg);
+        peer_disconnect(cfg);
         return PEER_EXIT_BROKER;
     }
-    if (service.needs_jetstream && !cfg->_js) {
+    if (needs_jetstream && !cfg->_js) {
         fprintf(stderr, "%s: the broker at %s has no JetStream, so staged objects cannot be read\n", program.name,
                 opts.broker.c_str());
-        fq_connection_deinit(cfg);
-        s_free_config(cfg);
+        peer_disconnect(cfg);
         return PEER_EXIT_BROKER;
     }
+    *out = cfg;
+    return -1;
+}
+
+void peer_disconnect(fq_connection_config* cfg)
+{
+    if (!cfg)
+        return;
+    fq_connection_deinit(cfg);
+    s_free_config(cfg);
+}
+
+int peer_wait_for_stop(const peer_program_t& program, fq_connection_config* cfg, int status)
+{
+    while (!peer_stop) {
+        fq_sm_watchdog();
+        s_pause_ms(200);
+        if (!peer_stop && s_closed(cfg)) {
+            log_error("%s: the connection to the broker is closed for good; stopping", program.name);
+            status = PEER_EXIT_CONN_LOST;
+            peer_stop = 1;
+        }
+    }
+    log_info("%s: stopping", program.name);
+    fq_sm_stopping("stopping");
+    return status;
+}
+
+int peer_serve(const peer_program_t& program, const peer_options_t& opts, const peer_service_t& service)
+{
+    fq_connection_config* cfg = nullptr;
+    const int connected = peer_connect(program, opts, service.needs_jetstream, &cfg);
+    if (connected >= 0)
+        return connected;
 
     // The serving threads are detached: they are known by their ids, so that the stop can wait
     // for them before the connection they use goes away.
@@ -386,18 +420,7 @@ int peer_serve(const peer_program_t& program, const peer_options_t& opts, const 
         fq_sm_ready(status.c_str());
     }
 
-    while (!peer_stop) {
-        fq_sm_watchdog();
-        s_pause_ms(200);
-        if (!peer_stop && s_closed(cfg)) {
-            log_error("%s: the connection to the broker is closed for good; stopping", program.name);
-            status = PEER_EXIT_CONN_LOST;
-            peer_stop = 1;
-        }
-    }
-
-    log_info("%s: stopping", program.name);
-    fq_sm_stopping("stopping");
+    status = peer_wait_for_stop(program, cfg, status);
     const int64_t deadline = s_now_ms() + s_stop_grace_ms;
     auto still_serving = [&] {
         const std::set<long> now = s_thread_ids();
@@ -417,8 +440,7 @@ int peer_serve(const peer_program_t& program, const peer_options_t& opts, const 
                  program.name, (long long)s_stop_grace_ms);
         return status;
     }
-    fq_connection_deinit(cfg);
-    s_free_config(cfg);
+    peer_disconnect(cfg);
     log_info("%s: stopped", program.name);
     return status;
 }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "fq_connection_client.h"
 #include "fq_raii.h"
 #include "fq_request_reply_types.h"
 
@@ -62,6 +63,16 @@ struct peer_service_t {
 // Connects (waiting up to opts.wait_ms for the broker), serves the subject with opts.threads
 // threads until SIGTERM or SIGINT, then stops in order. Returns the exit status.
 int peer_serve(const peer_program_t& program, const peer_options_t& opts, const peer_service_t& service);
+
+// The steps of peer_serve, for a program that serves something else than a subject.
+// Sets the log level and the stop signals, waits for the broker and connects: -1 with the record
+// in *cfg to go on, or the status to exit with (already reported).
+int peer_connect(const peer_program_t& program, const peer_options_t& opts, bool needs_jetstream,
+                 fq_connection_config** cfg);
+// Until SIGTERM, SIGINT or the connection's closing for good; status, or PEER_EXIT_CONN_LOST.
+int peer_wait_for_stop(const peer_program_t& program, fq_connection_config* cfg, int status);
+// Closes the connection and frees the record; null is ignored.
+void peer_disconnect(fq_connection_config* cfg);
 
 // Set by SIGTERM and SIGINT; the serving threads look at it between requests.
 extern fq_stop_flag_t peer_stop;
